@@ -1,0 +1,48 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "mirels/analytics/CoreTallyLogger.h"
+#include "mirels/core/ThreadSafe.h"
+
+namespace mirels {
+
+/// A transport that keeps every event it is given (building each payload at once), for tests.
+/// Thread-safe.
+class RecordingCoreTallyTransport final : public CoreTallyTransport {
+  public:
+    struct Event {
+        std::string name;
+        AnalyticsPayload payload;
+    };
+
+    void logEvent(std::string_view eventName, AnalyticsPayloadBuilder makePayload) override;
+
+    std::vector<Event> events() const;
+    /// The events whose name ends with "." + `identifierSuffix`.
+    std::vector<Event> events(std::string_view identifierSuffix) const;
+    void clear();
+
+  private:
+    ThreadSafe<std::vector<Event>> events_;
+};
+
+/// Installs a recording transport for its lifetime and restores the previous one afterwards.
+class ScopedRecordingTransport {
+  public:
+    ScopedRecordingTransport();
+    ~ScopedRecordingTransport();
+    ScopedRecordingTransport(const ScopedRecordingTransport&) = delete;
+    ScopedRecordingTransport& operator=(const ScopedRecordingTransport&) = delete;
+
+    RecordingCoreTallyTransport& operator*() const noexcept { return *recorder_; }
+    RecordingCoreTallyTransport* operator->() const noexcept { return recorder_.get(); }
+
+  private:
+    std::shared_ptr<RecordingCoreTallyTransport> recorder_;
+    std::shared_ptr<CoreTallyTransport> previous_;
+};
+
+}  // namespace mirels

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string_view>
+
+#include "mirels/core/Callsite.h"
+
+namespace mirels {
+
+/// Stops the process: writes "Fatal error: <message>" and the call site to standard error, then
+/// calls `std::abort()`. For misuse that leaves no sensible result (a repeated key in a builder,
+/// a counter overflow), never for conditions a caller could handle.
+[[noreturn]] void fatalError(std::string_view message, Callsite callsite = Callsite::current());
+
+}  // namespace mirels

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <concepts>
+#include <functional>
+#include <type_traits>
+#include <utility>
+
+#include "mirels/core/Callsite.h"
+
+namespace mirels {
+
+/// A box that lets callers read or change its value only inside a closure it runs with exclusive
+/// (or checked) access: `ThreadSafe` and `ThreadGuard`.
+template <class Box>
+concept SynchronousAccessProvider = requires(Box& box, const Box& constBox) {
+    typename Box::ValueType;
+    constBox.syncRead([](const typename Box::ValueType&) {});
+    box.syncWrite([](typename Box::ValueType&) {});
+};
+
+/// The convenience operations every synchronously accessed box offers, written once over the
+/// box's own `syncRead` and `syncWrite` (a mixin: `Derived` is the box).
+template <class Derived, class Value>
+class SynchronousAccessProviding {
+  public:
+    /// A copy of the value, read under the box's protection.
+    Value peek(Callsite callsite = Callsite::current()) const {
+        return self().syncRead([](const Value& value) { return value; }, callsite);
+    }
+
+    /// Replaces the value and returns the one it held before, in one protected step.
+    Value syncUpdate(Value newValue, Callsite callsite = Callsite::current()) {
+        return self().syncWrite(
+            [&](Value& value) { return std::exchange(value, std::move(newValue)); }, callsite);
+    }
+
+    /// Writes `newValue` into the member `member` of the value, in one protected step. Reported
+    /// under the library's own call site for this operation, not the caller's.
+    template <class MemberPointer, class NewValue>
+    requires std::is_member_object_pointer_v<MemberPointer> &&
+        std::is_assignable_v<std::invoke_result_t<MemberPointer, Value&>, NewValue &&> void
+        syncSetValue(MemberPointer member, NewValue&& newValue) {
+        self().syncWrite(
+            [&](Value& value) { std::invoke(member, value) = std::forward<NewValue>(newValue); },
+            Callsite::library("syncSetValue(at:to:)"));
+    }
+
+  protected:
+    SynchronousAccessProviding() = default;
+    ~SynchronousAccessProviding() = default;
+
+  private:
+    const Derived& self() const { return static_cast<const Derived&>(*this); }
+    Derived& self() { return static_cast<Derived&>(*this); }
+};
+
+/// The unprotected counterparts, for callers that already hold the box's lock or know that the
+/// box is not shared.
+template <class Derived, class Value>
+class UnsafeSynchronousAccessProviding {
+  public:
+    Value unsafePeek(Callsite callsite = Callsite::current()) const {
+        return static_cast<const Derived&>(*this).unsafeRead(
+            [](const Value& value) { return value; }, callsite);
+    }
+
+  protected:
+    UnsafeSynchronousAccessProviding() = default;
+    ~UnsafeSynchronousAccessProviding() = default;
+};
+
+}  // namespace mirels

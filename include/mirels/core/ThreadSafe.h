@@ -1,0 +1,81 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <type_traits>
+#include <utility>
+
+#include "mirels/core/Callsite.h"
+#include "mirels/core/SynchronousAccessProviding.h"
+#include "mirels/core/UnfairLock.h"
+
+namespace mirels {
+
+/// A value that is read or changed only inside closures run under the box's own `UnfairLock`.
+///
+/// This is where all shared mutable state of the library lives. The closures run with the lock
+/// held, so they must be short, must not block on other threads, and must not call back into the
+/// same box (the lock is not recursive). The lock is released also when a closure throws; changes
+/// made before the throw stay.
+///
+/// A `ThreadSafe` is neither copyable nor movable: objects embed it as a member (the object is
+/// then the shared reference), and `create` makes a stand-alone shared box.
+template <class Value>
+class ThreadSafe final : public SynchronousAccessProviding<ThreadSafe<Value>, Value>,
+                         public UnsafeSynchronousAccessProviding<ThreadSafe<Value>, Value> {
+  public:
+    using ValueType = Value;
+
+    ThreadSafe() requires std::is_default_constructible_v<Value> : value_() {}
+
+    template <class... Args>
+    requires std::is_constructible_v<Value, Args&&...>
+    explicit ThreadSafe(std::in_place_t, Args&&... args) : value_(std::forward<Args>(args)...) {}
+
+    explicit ThreadSafe(Value value) : value_(std::move(value)) {}
+
+    ThreadSafe(const ThreadSafe&) = delete;
+    ThreadSafe& operator=(const ThreadSafe&) = delete;
+
+    static std::shared_ptr<ThreadSafe> create(Value value) {
+        return std::make_shared<ThreadSafe>(std::move(value));
+    }
+
+    /// Runs `body` with read access to the value under the lock and returns what it returns. The
+    /// value is lent, not copied: the lock keeps it from changing while `body` runs.
+    template <class F>
+    requires std::is_invocable_v<F&&, const Value&> std::invoke_result_t<F&&, const Value&>
+    syncRead(F&& body, [[maybe_unused]] Callsite callsite = Callsite::current())
+    const {
+        std::lock_guard guard(lock_);
+        return std::invoke(std::forward<F>(body), std::as_const(value_));
+    }
+
+    /// Runs `body` with mutable access to the value in place under the lock.
+    template <class F>
+    requires std::is_invocable_v<F&&, Value&> std::invoke_result_t<F&&, Value&> syncWrite(
+        F&& body, [[maybe_unused]] Callsite callsite = Callsite::current()) {
+        std::lock_guard guard(lock_);
+        return std::invoke(std::forward<F>(body), value_);
+    }
+
+    /// `syncRead` without the lock: for callers that hold it already or own the box alone.
+    template <class F>
+    requires std::is_invocable_v<F&&, const Value&> std::invoke_result_t<F&&, const Value&>
+    unsafeRead(F&& body, [[maybe_unused]] Callsite callsite = Callsite::current())
+    const { return std::invoke(std::forward<F>(body), std::as_const(value_)); }
+
+    /// `syncWrite` without the lock.
+    template <class F>
+    requires std::is_invocable_v<F&&, Value&> std::invoke_result_t<F&&, Value&> unsafeWrite(
+        F&& body, [[maybe_unused]] Callsite callsite = Callsite::current()) {
+        return std::invoke(std::forward<F>(body), value_);
+    }
+
+  private:
+    mutable UnfairLock lock_;
+    Value value_;
+};
+
+}  // namespace mirels

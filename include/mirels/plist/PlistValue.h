@@ -1,0 +1,79 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace mirels {
+
+/// A point in time as property lists store it: seconds (with fraction) since
+/// 2001-01-01T00:00:00Z.
+struct PlistDate {
+    double secondsSinceReferenceDate = 0;
+
+    friend bool operator==(PlistDate, PlistDate) noexcept = default;
+};
+
+/// A dynamically typed plain property-list value: a text string, a boolean, a signed integer, a
+/// double, a byte buffer, a date, an array of values or a string-keyed dictionary of values.
+/// Boxed and sized number kinds of other platforms collapse into `integer` and `real`.
+class PlistValue {
+  public:
+    using Array = std::vector<PlistValue>;
+    using Dictionary = std::map<std::string, PlistValue, std::less<>>;
+    using Data = std::vector<std::uint8_t>;
+
+    /// The kinds, in the order of the alternatives of `Storage`.
+    enum class Kind { string, boolean, integer, real, data, date, array, dictionary };
+
+    using Storage =
+        std::variant<std::string, bool, std::int64_t, double, Data, PlistDate, Array, Dictionary>;
+
+    PlistValue() : storage_(std::string()) {}
+    PlistValue(std::string value) : storage_(std::move(value)) {}         // NOLINT
+    PlistValue(std::string_view value) : storage_(std::string(value)) {}  // NOLINT
+    PlistValue(const char* value) : storage_(std::string(value)) {}       // NOLINT
+    PlistValue(bool value) : storage_(value) {}                           // NOLINT
+    PlistValue(std::int64_t value) : storage_(value) {}                   // NOLINT
+    PlistValue(int value) : storage_(std::int64_t{value}) {}              // NOLINT
+    PlistValue(double value) : storage_(value) {}                         // NOLINT
+    PlistValue(Data value) : storage_(std::move(value)) {}                // NOLINT
+    PlistValue(PlistDate value) : storage_(value) {}                      // NOLINT
+    PlistValue(Array value) : storage_(std::move(value)) {}               // NOLINT
+    PlistValue(Dictionary value) : storage_(std::move(value)) {}          // NOLINT
+
+    Kind kind() const noexcept { return static_cast<Kind>(storage_.index()); }
+    const Storage& storage() const noexcept { return storage_; }
+    Storage& storage() noexcept { return storage_; }
+
+    /// The stored alternative of type T, or null when the value holds another kind.
+    template <class T>
+    const T* getIf() const noexcept {
+        return std::get_if<T>(&storage_);
+    }
+    template <class T>
+    T* getIf() noexcept {
+        return std::get_if<T>(&storage_);
+    }
+
+    friend bool operator==(const PlistValue&, const PlistValue&) = default;
+
+  private:
+    Storage storage_;
+};
+
+using PlistArray = PlistValue::Array;
+using PlistDictionary = PlistValue::Dictionary;
+using PlistData = PlistValue::Data;
+
+/// The name of a kind as messages print it ("String", "Bool", "Int", "Double", "Data", "Date",
+/// "Array", "Dictionary").
+std::string_view plistKindName(PlistValue::Kind kind) noexcept;
+
+/// A stable, readable dump of a value, dictionaries with their keys in sorted order.
+std::string describe(const PlistValue& value);
+
+}  // namespace mirels
