@@ -1,0 +1,17 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace mirels {
+
+/// The current process's name: the last component of the path it was started with (what `ps`
+/// shows), computed once.
+const std::string& processName();
+
+/// The resolved location of the running executable (the real path of /proc/self/exe), or
+/// nothing when the system does not say.
+std::optional<std::filesystem::path> currentExecutablePath();
+
+}  // namespace mirels
