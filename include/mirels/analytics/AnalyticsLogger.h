@@ -1,8 +1,10 @@
 #pragma once
 
+#include <initializer_list>
 #include <string_view>
 #include <type_traits>
 
+#include "mirels/analytics/AnalyticsFieldBuilder.h"
 #include "mirels/analytics/AnalyticsValue.h"
 
 namespace mirels {
@@ -20,6 +22,13 @@ class AnalyticsLogger {
     requires std::is_invocable_r_v<AnalyticsFields, MakeFields&&>
     void logEvent(std::string_view identifierSuffix, MakeFields&& makeFields) {
         logEvent(identifierSuffix, AnalyticsFields(std::forward<MakeFields>(makeFields)()));
+    }
+
+    /// Logs the fields of a builder block written in place:
+    /// `logger.logEvent("softAssert", {{"file", file}, {"line", line}})`.
+    void logEvent(std::string_view identifierSuffix,
+                  std::initializer_list<AnalyticsFieldBuilder::Entry> entries) {
+        logEvent(identifierSuffix, AnalyticsFieldBuilder::buildBlock(entries));
     }
 };
 

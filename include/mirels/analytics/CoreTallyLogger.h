@@ -17,8 +17,8 @@ struct AnalyticsHints {
     bool isSampleProject = false;
 };
 
-/// The payload handed to the transport: the event's fields as plain values (strings, numbers,
-/// data); `null` fields are absent keys' stand-in, an empty `std::optional`.
+/// The payload handed to the transport: the event's fields as plain values (strings, booleans,
+/// integers, doubles, data); a `null` field is an empty `std::optional`.
 using AnalyticsPayload = std::map<std::string, std::optional<PlistValue>, std::less<>>;
 
 /// Builds the payload only when the transport asks for it.
@@ -50,6 +50,11 @@ class CoreTallyLogger final : public AnalyticsLogger {
     static constexpr std::string_view eventNamePrefix = "org.mirels.foundation.";
 
     CoreTallyLogger() = default;
+
+    /// Whether events are sent at all: the preference "QKLogCoreTally" of
+    /// `UserDefaults::standard()`, read on first use and then fixed for the process. On when
+    /// true or unset, off only when explicitly false.
+    static bool isEnabled();
 
     /// Set before logging from one thread, or guarded by the caller.
     std::optional<AnalyticsHints> hints;

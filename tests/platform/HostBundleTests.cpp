@@ -1,0 +1,87 @@
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "mirels/platform/HostBundle.h"
+#include "mirels/platform/ProcessInfo.h"
+#include "mirels/plist/PlistSerialization.h"
+#include "platform/ChildProcess.h"
+
+namespace mirels {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(HostBundle, NearestContentsAncestorNamesTheBundle) {
+    EXPECT_EQ(hostBundlePath("/Apps/Fake.app/Contents/MacOS/tool"), fs::path("/Apps/Fake.app"));
+    EXPECT_EQ(hostBundlePath("/x/Outer.app/Contents/Inner.app/Contents/MacOS/tool"),
+              fs::path("/x/Outer.app/Contents/Inner.app"));
+    EXPECT_EQ(hostBundlePath("/Contents/tool"), fs::path("/"));
+    EXPECT_EQ(hostBundlePath("/usr/bin/tool"), std::nullopt);
+    EXPECT_EQ(hostBundlePath("/a/Contents"), std::nullopt);  // the executable itself is no folder
+    EXPECT_EQ(hostBundlePath("tool"), std::nullopt);
+
+    EXPECT_EQ(processName(), "mirels_tests");
+    EXPECT_EQ(hostBundleBuildVersion(), std::nullopt);  // the test binary is in no bundle
+}
+
+class FakeBundleTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "mirels-bundle-XXXXXX").string();
+        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+        folder_ = pattern;
+        fs::create_directories(folder_ / "Fake.app" / "Contents" / "MacOS");
+        fs::create_directories(folder_ / "xdg");
+        probe_ = folder_ / "Fake.app" / "Contents" / "MacOS" / "platform_core_tally_probe";
+        fs::copy_file(fs::path(MIRELS_TEST_PROGRAM_DIR) / "platform_core_tally_probe", probe_);
+        fs::permissions(probe_, fs::perms::owner_all);
+    }
+    void TearDown() override { fs::remove_all(folder_); }
+
+    void writeVersionRecord(const PlistValue& record) {
+        std::ofstream(folder_ / "Fake.app" / "Contents" / "version.plist") << toXML(record);
+    }
+    std::string runProbe() {
+        auto result = testing::runChild(probe_.string(), {"log"},
+                                        {{"XDG_CONFIG_HOME", (folder_ / "xdg").string()}});
+        EXPECT_EQ(result.exitCode, 0);
+        return result.output;
+    }
+
+    fs::path folder_;
+    fs::path probe_;
+};
+
+TEST_F(FakeBundleTest, BuildVersionComesFromTheBundlesVersionRecord) {
+    writeVersionRecord(PlistDictionary{{"ProductBuildVersion", "24A335"}, {"Other", 1}});
+    EXPECT_EQ(bundleBuildVersion(folder_ / "Fake.app"), "24A335");
+    EXPECT_EQ(hostBundleBuildVersion(probe_), "24A335");
+    EXPECT_EQ(runProbe(),
+              "events=1\n"
+              "event org.mirels.foundation.probe responsibleProcess=platform_core_tally_probe "
+              "kestrelVersion=24A335\n"
+              "hostBundleBuildVersion=24A335\n");
+}
+
+TEST_F(FakeBundleTest, MissingOrUnusableVersionRecordGivesNull) {
+    const std::string noVersion =
+        "events=1\n"
+        "event org.mirels.foundation.probe responsibleProcess=platform_core_tally_probe "
+        "kestrelVersion=null\n"
+        "hostBundleBuildVersion=(none)\n";
+    EXPECT_EQ(runProbe(), noVersion);
+
+    writeVersionRecord(PlistDictionary{{"ProductBuildVersion", 24}});
+    EXPECT_EQ(bundleBuildVersion(folder_ / "Fake.app"), std::nullopt);
+    EXPECT_EQ(runProbe(), noVersion);
+
+    std::ofstream(folder_ / "Fake.app" / "Contents" / "version.plist") << "<plist><dict>";
+    EXPECT_EQ(bundleBuildVersion(folder_ / "Fake.app"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace mirels
