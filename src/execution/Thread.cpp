@@ -1,0 +1,41 @@
+#include "mirels/execution/Thread.h"
+
+#include <unistd.h>
+
+namespace mirels {
+
+namespace {
+// The calling thread's object, for the identity test of `currentExecutionExclusivity`. Set when
+// the object is made; an object outlives the slot only while other holders keep it, and no other
+// object can be made at its address meanwhile.
+constinit thread_local const Thread* currentThreadObject = nullptr;
+}  // namespace
+
+Thread::Thread(Passkey, pid_t systemIdentifier) noexcept : systemIdentifier_(systemIdentifier) {}
+
+std::shared_ptr<const Thread> Thread::current() {
+    thread_local const std::shared_ptr<const Thread> object = [] {
+        auto made = std::make_shared<const Thread>(Passkey(), gettid());
+        currentThreadObject = made.get();
+        return made;
+    }();
+    return object;
+}
+
+bool Thread::isMainThread() noexcept {
+    // getpid() and gettid() are system calls; remember the answer per thread.
+    constinit thread_local signed char cached = -1;
+    if (cached < 0) cached = gettid() == getpid() ? 1 : 0;
+    return cached == 1;
+}
+
+bool Thread::isMain() const noexcept {
+    return systemIdentifier_ == getpid();
+}
+
+ExecutionExclusivity Thread::currentExecutionExclusivity() const {
+    return currentThreadObject == this ? ExecutionExclusivity::exclusive
+                                       : ExecutionExclusivity::none;
+}
+
+}  // namespace mirels

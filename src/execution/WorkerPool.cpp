@@ -1,0 +1,108 @@
+#include "WorkerPool.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <mutex>
+#include <thread>
+
+#include "Futex.h"
+
+namespace mirels::detail {
+
+namespace {
+
+// How long an idle worker keeps looking for work before it sleeps. Waking a sleeping thread costs
+// a system call on the posting side and several microseconds of latency; a short spin absorbs
+// the gaps of a producer that posts steadily.
+constexpr int idleSpinCount = 2'000;
+
+unsigned hardwareThreads() {
+    return std::max(1U, std::thread::hardware_concurrency());
+}
+
+}  // namespace
+
+WorkerPool& WorkerPool::forQualityOfService(QualityOfService qos) {
+    // Never destroyed: workers may still be running when the process exits.
+    switch (qos) {
+        case QualityOfService::userInteractive:
+        case QualityOfService::userInitiated:
+        case QualityOfService::standard: {
+            static WorkerPool* high = new WorkerPool("high", std::max(2U, hardwareThreads()));
+            return *high;
+        }
+        case QualityOfService::utility:
+        case QualityOfService::background:
+            break;
+    }
+    static WorkerPool* low = new WorkerPool("low", std::max(2U, hardwareThreads() / 2));
+    return *low;
+}
+
+WorkerPool::WorkerPool(const char* name, unsigned threadCount) : name_(name) {
+    for (unsigned index = 0; index < threadCount; ++index) {
+        std::thread([this, index] { workerMain(index); }).detach();
+    }
+}
+
+void WorkerPool::post(PoolJob* job) noexcept {
+    job->nextJob = nullptr;
+    {
+        std::lock_guard guard(lock_);
+        if (tail_ == nullptr) {
+            head_ = job;
+        } else {
+            tail_->nextJob = job;
+        }
+        tail_ = job;
+    }
+    // Sequentially consistent on both sides: a worker that is about to sleep raises the sleeper
+    // count and then reads the queued count, so either it sees this job or we see it.
+    queuedCount_.fetch_add(1, std::memory_order_seq_cst);
+    if (sleeperCount_.load(std::memory_order_seq_cst) != 0) {
+        wakeSequence_.fetch_add(1, std::memory_order_release);
+        futexWake(wakeSequence_, 1);
+    }
+}
+
+PoolJob* WorkerPool::take() noexcept {
+    if (queuedCount_.load(std::memory_order_relaxed) <= 0) return nullptr;
+    PoolJob* job = nullptr;
+    {
+        std::lock_guard guard(lock_);
+        job = head_;
+        if (job == nullptr) return nullptr;
+        head_ = job->nextJob;
+        if (head_ == nullptr) tail_ = nullptr;
+    }
+    queuedCount_.fetch_sub(1, std::memory_order_relaxed);
+    return job;
+}
+
+void WorkerPool::waitForWork() noexcept {
+    for (int spin = 0; spin < idleSpinCount; ++spin) {
+        if (queuedCount_.load(std::memory_order_relaxed) > 0) return;
+        cpuRelax();
+    }
+    std::uint32_t sequence = wakeSequence_.load(std::memory_order_acquire);
+    sleeperCount_.fetch_add(1, std::memory_order_seq_cst);
+    if (queuedCount_.load(std::memory_order_seq_cst) <= 0) futexWait(wakeSequence_, sequence);
+    sleeperCount_.fetch_sub(1, std::memory_order_relaxed);
+}
+
+void WorkerPool::workerMain(unsigned index) noexcept {
+    // Linux limits thread names to 15 characters: "mirels.high.0", "mirels.low.1".
+    std::string threadName = "mirels." + name_ + "." + std::to_string(index);
+    threadName.resize(std::min<std::size_t>(threadName.size(), 15));
+    pthread_setname_np(pthread_self(), threadName.c_str());
+    for (;;) {
+        if (PoolJob* job = take()) {
+            job->run(job);
+        } else {
+            waitForWork();
+        }
+    }
+}
+
+}  // namespace mirels::detail
