@@ -1,0 +1,156 @@
+// Core primitives beside the peers a user would otherwise pick: the lock-protected box against
+// std::mutex and absl::Mutex (alone and with two threads contending), the cost of a holding soft
+// assertion and of capturing a call site, and a cancellation token's make-and-cancel.
+
+#include <absl/synchronization/mutex.h>
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+
+#include "mirels/core/Assertions.h"
+#include "mirels/core/CancellationToken.h"
+#include "mirels/core/ThreadSafe.h"
+
+// Counting replacements of the global allocation functions. GCC sees malloc behind new and free
+// behind delete once they inline and warns of a mismatch that is not there.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+
+namespace {
+std::atomic<long> allocations{0};
+}  // namespace
+
+void* operator new(std::size_t size) {
+    allocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
+    throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
+
+namespace {
+
+/// Reports allocations per iteration of the timed loop as a counter.
+class AllocationCounter {
+  public:
+    explicit AllocationCounter(benchmark::State& state)
+        : state_(state), start_(allocations.load()) {}
+    ~AllocationCounter() {
+        state_.counters["allocs/op"] =
+            benchmark::Counter(static_cast<double>(allocations.load() - start_) /
+                               static_cast<double>(state_.iterations()));
+    }
+
+  private:
+    benchmark::State& state_;
+    long start_;
+};
+
+// --- uncontended increment under each lock -------------------------------------------------
+
+void ThreadSafe_syncWrite(benchmark::State& state) {
+    mirels::ThreadSafe<long> box(0);
+    for (auto _ : state) box.syncWrite([](long& v) { ++v; });
+    benchmark::DoNotOptimize(box.peek());
+}
+BENCHMARK(ThreadSafe_syncWrite);
+
+void StdMutex_increment(benchmark::State& state) {
+    std::mutex mutex;
+    long value = 0;
+    for (auto _ : state) {
+        std::lock_guard guard(mutex);
+        ++value;
+        benchmark::ClobberMemory();
+    }
+    benchmark::DoNotOptimize(value);
+}
+BENCHMARK(StdMutex_increment);
+
+void AbslMutex_increment(benchmark::State& state) {
+    absl::Mutex mutex;
+    long value = 0;
+    for (auto _ : state) {
+        absl::MutexLock guard(&mutex);
+        ++value;
+        benchmark::ClobberMemory();
+    }
+    benchmark::DoNotOptimize(value);
+}
+BENCHMARK(AbslMutex_increment);
+
+// --- two threads contending on one lock (items/s is the throughput of both together) -------
+
+mirels::ThreadSafe<long> sharedBox(0);
+void ThreadSafe_contended(benchmark::State& state) {
+    for (auto _ : state) sharedBox.syncWrite([](long& v) { ++v; });
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(ThreadSafe_contended)->Threads(2)->UseRealTime();
+
+std::mutex sharedMutex;
+long sharedMutexValue = 0;
+void StdMutex_contended(benchmark::State& state) {
+    for (auto _ : state) {
+        std::lock_guard guard(sharedMutex);
+        ++sharedMutexValue;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(StdMutex_contended)->Threads(2)->UseRealTime();
+
+absl::Mutex sharedAbslMutex;
+long sharedAbslValue = 0;
+void AbslMutex_contended(benchmark::State& state) {
+    for (auto _ : state) {
+        absl::MutexLock guard(&sharedAbslMutex);
+        ++sharedAbslValue;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(AbslMutex_contended)->Threads(2)->UseRealTime();
+
+// --- call sites and soft assertions ---------------------------------------------------------
+
+void Callsite_current(benchmark::State& state) {
+    AllocationCounter counter(state);
+    for (auto _ : state) {
+        mirels::Callsite site = mirels::Callsite::current();
+        benchmark::DoNotOptimize(site);
+    }
+}
+BENCHMARK(Callsite_current);
+
+void SoftAssertion_holding(benchmark::State& state) {
+    AllocationCounter counter(state);
+    long a = 1;
+    long b = 1;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(a);
+        benchmark::DoNotOptimize(mirels::assertEqual(a, b));
+    }
+}
+BENCHMARK(SoftAssertion_holding);
+
+// --- cancellation tokens --------------------------------------------------------------------
+
+void CancellationToken_makeAndCancel(benchmark::State& state) {
+    AllocationCounter counter(state);
+    long cancelled = 0;
+    for (auto _ : state) {
+        auto token = mirels::CancellationToken::create([&cancelled] { ++cancelled; });
+        token->cancel();
+    }
+    benchmark::DoNotOptimize(cancelled);
+}
+BENCHMARK(CancellationToken_makeAndCancel);
+
+}  // namespace
+
+BENCHMARK_MAIN();

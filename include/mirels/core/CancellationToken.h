@@ -1,0 +1,60 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <unordered_set>
+
+#include "mirels/core/Callsite.h"
+#include "mirels/core/Ref.h"
+#include "mirels/core/UniqueFunction.h"
+
+namespace mirels {
+
+class CancellationToken;
+
+/// A set of tokens kept by identity.
+using CancellationTokenSet = std::unordered_set<Ref<CancellationToken>>;
+
+/// What an observing or subscribing operation hands back: `cancel()` undoes the registration.
+///
+/// Every token must be cancelled exactly once. A second cancel is reported as a soft-assertion
+/// failure (and runs the cancel action again, which the library's actions tolerate); a token
+/// destroyed without having been cancelled is reported too, and its action is released without
+/// running, so the registration stays. Made with `create`, shared by `std::shared_ptr`.
+class CancellationToken final : public std::enable_shared_from_this<CancellationToken> {
+    struct Key {
+        explicit Key() = default;
+    };
+
+  public:
+    using Action = UniqueFunction<void()>;
+
+    /// A token whose cancelling runs `didCancel`. One allocation: the action's captures are
+    /// stored inline when small.
+    static std::shared_ptr<CancellationToken> create(Action didCancel,
+                                                     Callsite callsite = Callsite::current());
+
+    CancellationToken(Key, Action didCancel, Callsite callsite) noexcept;
+    ~CancellationToken();
+    CancellationToken(const CancellationToken&) = delete;
+    CancellationToken& operator=(const CancellationToken&) = delete;
+
+    /// Marks the token cancelled (reporting if it already was) and runs its action on the
+    /// calling thread. Safe to call from any thread.
+    void cancel();
+
+    bool isCancelled() const noexcept { return cancelled_.load(std::memory_order_acquire); }
+
+    /// Where the token was made.
+    Callsite initializationCallsite() const noexcept { return initializationCallsite_; }
+
+    /// Keeps the token in `tokens` (for example an `AutoCancelling`'s set).
+    void store(CancellationTokenSet& tokens);
+
+  private:
+    Action didCancel_;
+    std::atomic<bool> cancelled_{false};
+    Callsite initializationCallsite_;
+};
+
+}  // namespace mirels
