@@ -1,6 +1,7 @@
 #pragma once
 
-// Everything MirelsFoundation offers, one include per header.
+// Everything MirelsFoundation offers, one include per header. (mirels/plist/LibplistBridge.h,
+// for code that talks to libplist itself, is left out: it needs libplist's headers.)
 
 #include "mirels/analytics/AnalyticsFieldBuilder.h"
 #include "mirels/analytics/AnalyticsLogger.h"
@@ -39,7 +40,6 @@
 #include "mirels/platform/Log.h"
 #include "mirels/platform/ProcessInfo.h"
 #include "mirels/platform/UserDefaults.h"
-#include "mirels/plist/LibplistBridge.h"
 #include "mirels/plist/PlistSerialization.h"
 #include "mirels/plist/PlistValue.h"
 #include "mirels/plist/PropertyList.h"
