@@ -8,7 +8,8 @@ namespace {
 // The calling thread's object, for the identity test of `currentExecutionExclusivity`. Set when
 // the object is made; an object outlives the slot only while other holders keep it, and no other
 // object can be made at its address meanwhile.
-constinit thread_local const Thread* currentThreadObject = nullptr;
+constinit thread_local const Thread* currentThreadObject
+    __attribute__((tls_model("initial-exec"))) = nullptr;
 }  // namespace
 
 Thread::Thread(Passkey, pid_t systemIdentifier) noexcept : systemIdentifier_(systemIdentifier) {}
@@ -24,7 +25,7 @@ std::shared_ptr<const Thread> Thread::current() {
 
 bool Thread::isMainThread() noexcept {
     // getpid() and gettid() are system calls; remember the answer per thread.
-    constinit thread_local signed char cached = -1;
+    constinit thread_local signed char cached __attribute__((tls_model("initial-exec"))) = -1;
     if (cached < 0) cached = gettid() == getpid() ? 1 : 0;
     return cached == 1;
 }
