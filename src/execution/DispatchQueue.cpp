@@ -3,6 +3,7 @@
 #include <sched.h>
 
 #include <atomic>
+#include <cstdint>
 #include <utility>
 
 #include "CurrentQueue.h"
@@ -104,13 +105,16 @@ class SerialQueue final : public DispatchQueue {
                 sched_yield();
                 continue;
             }
-            // Go idle. Let go of the self-reference before clearing the flag: the next producer
-            // to set the flag takes a new one.
+            // Go idle. Take what this worker owns out before clearing the flag: once it is clear,
+            // a producer may schedule the queue and another worker may drain it. The next
+            // producer to set the flag takes a new self-reference.
+            const std::uint64_t position = pending_.consumerPosition();
             std::shared_ptr<DispatchQueue> retained = std::move(retainedWhileScheduled_);
             scheduled_.store(false, std::memory_order_seq_cst);
             // A producer that pushed before seeing the flag cleared did not schedule the queue;
             // take its work back unless another producer has scheduled the queue meanwhile.
-            if (pending_.isSettledEmpty() || scheduled_.exchange(true, std::memory_order_seq_cst)) {
+            if (!pending_.hasPushesAfter(position) ||
+                scheduled_.exchange(true, std::memory_order_seq_cst)) {
                 return;  // `retained` may be the last reference; nothing touches *this after it
             }
             retainedWhileScheduled_ = std::move(retained);

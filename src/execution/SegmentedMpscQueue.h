@@ -120,8 +120,15 @@ class SegmentedMpscQueue {
     }
 
     /// True when nothing is queued and no push has begun. Consumer only.
-    bool isSettledEmpty() const noexcept {
-        return tailPosition_.load(std::memory_order_seq_cst) == headPosition_;
+    bool isSettledEmpty() const noexcept { return !hasPushesAfter(consumerPosition()); }
+
+    /// How far the consumer has come. Consumer only.
+    std::uint64_t consumerPosition() const noexcept { return headPosition_; }
+
+    /// Whether any push has begun beyond `position`, a consumer position read earlier. Reads
+    /// only the tail, so a former consumer may call it after handing the queue on.
+    bool hasPushesAfter(std::uint64_t position) const noexcept {
+        return tailPosition_.load(std::memory_order_seq_cst) != position;
     }
 
   private:

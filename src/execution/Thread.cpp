@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <utility>
+
 namespace mirels {
 
 namespace {
@@ -14,13 +16,23 @@ constinit thread_local const Thread* currentThreadObject
 
 Thread::Thread(Passkey, pid_t systemIdentifier) noexcept : systemIdentifier_(systemIdentifier) {}
 
+namespace {
+// Owns the calling thread's object for the thread's life. Clears the identity slot when the
+// thread ends, so that a later object made at the same address is never mistaken for this one.
+struct CurrentThreadHolder {
+    std::shared_ptr<const Thread> object;
+
+    ~CurrentThreadHolder() { currentThreadObject = nullptr; }
+};
+}  // namespace
+
 std::shared_ptr<const Thread> Thread::current() {
-    thread_local const std::shared_ptr<const Thread> object = [] {
+    thread_local const CurrentThreadHolder holder = [] {
         auto made = std::make_shared<const Thread>(Passkey(), gettid());
         currentThreadObject = made.get();
-        return made;
+        return CurrentThreadHolder{std::move(made)};
     }();
-    return object;
+    return holder.object;
 }
 
 bool Thread::isMainThread() noexcept {
