@@ -61,6 +61,10 @@ void WorkerPool::post(PoolJob* job) noexcept {
     // changes its count and then reads the queued count, so either it sees this job or we see
     // that it has stopped spinning and is (about to be) asleep.
     queuedCount_.fetch_add(1, std::memory_order_seq_cst);
+    wakeOneIfNoneSpinning();
+}
+
+void WorkerPool::wakeOneIfNoneSpinning() noexcept {
     if (spinnerCount_.load(std::memory_order_seq_cst) == 0 &&
         sleeperCount_.load(std::memory_order_seq_cst) != 0) {
         wakeSequence_.fetch_add(1, std::memory_order_release);
@@ -105,6 +109,9 @@ void WorkerPool::workerMain(unsigned index) noexcept {
     pthread_setname_np(pthread_self(), threadName.c_str());
     for (;;) {
         if (PoolJob* job = take()) {
+            // Posts made while this worker was spinning woke nobody, counting on it; if more than
+            // the one it took are waiting, pass the wake-up on.
+            if (hasQueuedJobs()) wakeOneIfNoneSpinning();
             job->run(job);
         } else {
             waitForWork();

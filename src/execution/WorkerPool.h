@@ -43,6 +43,7 @@ class WorkerPool {
     void workerMain(unsigned index) noexcept;
     PoolJob* take() noexcept;
     void waitForWork() noexcept;
+    void wakeOneIfNoneSpinning() noexcept;
 
     UnfairLock lock_;
     PoolJob* head_ = nullptr;  // guarded by lock_
