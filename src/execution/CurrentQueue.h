@@ -10,7 +10,9 @@ struct CurrentQueueSlot {
     bool isSet;
 };
 
-extern constinit thread_local CurrentQueueSlot currentQueueSlot;
+// Initial-exec: read on every lane `execute`, so it must not cost a call to the TLS resolver.
+extern constinit thread_local CurrentQueueSlot currentQueueSlot
+    __attribute__((tls_model("initial-exec")));
 
 /// Makes a queue the calling thread's current queue for the scope's lifetime and restores the
 /// previous one afterwards. Touches nothing but the thread-local slot, so it is safe to end the

@@ -3,18 +3,20 @@
 #include <sched.h>
 
 #include <atomic>
+#include <cstdint>
 #include <utility>
 
 #include "CurrentQueue.h"
 #include "Futex.h"
-#include "IntrusiveMpscQueue.h"
+#include "SegmentedMpscQueue.h"
 #include "WorkerPool.h"
 #include "mirels/core/Identifier.h"
 
 namespace mirels {
 
 namespace detail {
-constinit thread_local CurrentQueueSlot currentQueueSlot{0, false};
+constinit thread_local CurrentQueueSlot currentQueueSlot
+    __attribute__((tls_model("initial-exec"))){0, false};
 }  // namespace detail
 
 namespace {
@@ -28,9 +30,13 @@ using detail::WorkerPool;
 constexpr unsigned serialBatchLimit = 128;
 
 // How long a worker that has emptied a serial queue keeps watching it before it lets the queue go
-// idle. A producer posting steadily then keeps the queue busy, and pays neither the hand-off to
-// the pool nor the wake-up of a worker for every callback.
-constexpr int emptyQueueSpinCount = 256;
+// idle: polls of the next slot with growing pauses in between, about 5 microseconds in all. A
+// producer posting steadily then keeps the queue busy, and pays neither the hand-off to the pool
+// nor the wake-up of a worker for every callback. Polling only now and then matters as much:
+// each poll pulls a line the producer is writing over to the worker's core, while between polls
+// the producer fills slots undisturbed and the worker then runs them as one batch.
+constexpr int firstPollPauses = 32;
+constexpr int lastPollPauses = 256;
 
 class SerialQueue final : public DispatchQueue {
   public:
@@ -42,12 +48,11 @@ class SerialQueue final : public DispatchQueue {
     }
 
     ~SerialQueue() override {
-        // Unreachable with work left (a queue with work holds itself), but free it regardless.
-        while (Node* node = pending_.pop()) delete node;
+        // A queue with work left holds itself, so `pending_` is empty here.
     }
 
     void async(UniqueFunction<void()> work) override {
-        pending_.push(new Node(std::move(work)));
+        pending_.push(std::move(work));
         // The load filters out the common case, a queue that is already scheduled, without
         // taking the flag's cache line exclusively.
         if (!scheduled_.load(std::memory_order_seq_cst) &&
@@ -58,12 +63,6 @@ class SerialQueue final : public DispatchQueue {
     }
 
   private:
-    struct Node {
-        explicit Node(UniqueFunction<void()> work = nullptr) noexcept : work(std::move(work)) {}
-        std::atomic<Node*> next{nullptr};
-        UniqueFunction<void()> work;
-    };
-
     // The queue's hook in its pool: a queue is in the pool at most once, while it is scheduled.
     struct QueueJob : PoolJob {
         SerialQueue* owner = nullptr;
@@ -75,39 +74,47 @@ class SerialQueue final : public DispatchQueue {
         static_cast<QueueJob*>(job)->owner->drain();
     }
 
-    bool waitForIncoming() const noexcept {
-        for (int spin = 0; spin < emptyQueueSpinCount; ++spin) {
-            if (pending_.hasIncoming()) return true;
-            detail::cpuRelax();
+    UniqueFunction<void()>* waitForWork() noexcept {
+        for (int pauses = firstPollPauses; pauses <= lastPollPauses; pauses *= 2) {
+            for (int pause = 0; pause < pauses; ++pause) detail::cpuRelax();
+            if (UniqueFunction<void()>* work = pending_.front()) return work;
         }
-        return pending_.hasIncoming();
+        return nullptr;
     }
 
     void drain() noexcept {
         CurrentQueueScope scope(identifier().identifier);
         unsigned ran = 0;
-        unsigned spinsOnPartialPush = 0;
-        while (ran < serialBatchLimit) {
-            if (Node* node = pending_.pop()) {
-                node->work();
-                delete node;
+        for (;;) {
+            if (ran == serialBatchLimit) {
+                // Make way for the pool's other work, if there is any.
+                if (pool_.hasQueuedJobs()) break;
+                ran = 0;
+            }
+            UniqueFunction<void()>* work = pending_.front();
+            if (work == nullptr) work = waitForWork();
+            if (work != nullptr) {
+                (*work)();
+                pending_.popFront();
                 ++ran;
                 continue;
             }
-            if (!pending_.isSettledEmpty() || waitForIncoming()) {
-                // A push is under way or has just landed: it completes within a few instructions,
-                // unless its thread was preempted in between, so yield now and then.
-                if (++spinsOnPartialPush % 64 == 0) sched_yield();
-                detail::cpuRelax();
+            if (!pending_.isSettledEmpty()) {
+                // A push has claimed its slot but not filled it yet: a few instructions, unless
+                // its thread was preempted in between.
+                sched_yield();
                 continue;
             }
-            // Go idle. Let go of the self-reference before clearing the flag: the next producer
-            // to set the flag takes a new one.
+            // Go idle. Take what this worker owns out before clearing the flag: once it is clear,
+            // a producer may schedule the queue and another worker may drain it. The next
+            // producer to set the flag takes a new self-reference.
+            const std::uint64_t position = pending_.consumerPosition();
             std::shared_ptr<DispatchQueue> retained = std::move(retainedWhileScheduled_);
             scheduled_.store(false, std::memory_order_seq_cst);
             // A producer that pushed before seeing the flag cleared did not schedule the queue;
             // take its work back unless another producer has scheduled the queue meanwhile.
-            if (pending_.isSettledEmpty() || scheduled_.exchange(true, std::memory_order_seq_cst)) {
+            if (!pending_.hasPushesAfter(position) ||
+                scheduled_.exchange(true, std::memory_order_seq_cst)) {
                 return;  // `retained` may be the last reference; nothing touches *this after it
             }
             retainedWhileScheduled_ = std::move(retained);
@@ -119,7 +126,7 @@ class SerialQueue final : public DispatchQueue {
     QueueJob job_;
     std::shared_ptr<DispatchQueue> retainedWhileScheduled_;  // owned by whoever holds the flag
     alignas(64) std::atomic<bool> scheduled_{false};
-    detail::IntrusiveMpscQueue<Node> pending_;
+    detail::SegmentedMpscQueue<UniqueFunction<void()>> pending_;
 };
 
 class ConcurrentQueue final : public DispatchQueue {

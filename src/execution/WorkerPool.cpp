@@ -15,7 +15,7 @@ namespace {
 // How long an idle worker keeps looking for work before it sleeps. Waking a sleeping thread costs
 // a system call on the posting side and several microseconds of latency; a short spin absorbs
 // the gaps of a producer that posts steadily.
-constexpr int idleSpinCount = 2'000;
+constexpr int idleSpinCount = 500;
 
 unsigned hardwareThreads() {
     return std::max(1U, std::thread::hardware_concurrency());
@@ -57,10 +57,16 @@ void WorkerPool::post(PoolJob* job) noexcept {
         }
         tail_ = job;
     }
-    // Sequentially consistent on both sides: a worker that is about to sleep raises the sleeper
-    // count and then reads the queued count, so either it sees this job or we see it.
+    // Sequentially consistent on both sides: a worker that stops spinning or goes to sleep
+    // changes its count and then reads the queued count, so either it sees this job or we see
+    // that it has stopped spinning and is (about to be) asleep.
     queuedCount_.fetch_add(1, std::memory_order_seq_cst);
-    if (sleeperCount_.load(std::memory_order_seq_cst) != 0) {
+    wakeOneIfNoneSpinning();
+}
+
+void WorkerPool::wakeOneIfNoneSpinning() noexcept {
+    if (spinnerCount_.load(std::memory_order_seq_cst) == 0 &&
+        sleeperCount_.load(std::memory_order_seq_cst) != 0) {
         wakeSequence_.fetch_add(1, std::memory_order_release);
         futexWake(wakeSequence_, 1);
     }
@@ -81,14 +87,19 @@ PoolJob* WorkerPool::take() noexcept {
 }
 
 void WorkerPool::waitForWork() noexcept {
+    spinnerCount_.fetch_add(1, std::memory_order_seq_cst);
     for (int spin = 0; spin < idleSpinCount; ++spin) {
-        if (queuedCount_.load(std::memory_order_relaxed) > 0) return;
+        if (queuedCount_.load(std::memory_order_relaxed) > 0) {
+            spinnerCount_.fetch_sub(1, std::memory_order_seq_cst);
+            return;
+        }
         cpuRelax();
     }
     std::uint32_t sequence = wakeSequence_.load(std::memory_order_acquire);
     sleeperCount_.fetch_add(1, std::memory_order_seq_cst);
+    spinnerCount_.fetch_sub(1, std::memory_order_seq_cst);
     if (queuedCount_.load(std::memory_order_seq_cst) <= 0) futexWait(wakeSequence_, sequence);
-    sleeperCount_.fetch_sub(1, std::memory_order_relaxed);
+    sleeperCount_.fetch_sub(1, std::memory_order_seq_cst);
 }
 
 void WorkerPool::workerMain(unsigned index) noexcept {
@@ -98,6 +109,9 @@ void WorkerPool::workerMain(unsigned index) noexcept {
     pthread_setname_np(pthread_self(), threadName.c_str());
     for (;;) {
         if (PoolJob* job = take()) {
+            // Posts made while this worker was spinning woke nobody, counting on it; if more than
+            // the one it took are waiting, pass the wake-up on.
+            if (hasQueuedJobs()) wakeOneIfNoneSpinning();
             job->run(job);
         } else {
             waitForWork();

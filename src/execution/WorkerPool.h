@@ -21,8 +21,9 @@ struct PoolJob {
 ///
 /// Pools are process-lifetime singletons, made (and their threads started) on first use and
 /// intentionally never destroyed, so that process exit never races a worker that is still
-/// running. Idle workers spin briefly, then sleep on a futex; a post wakes a sleeper only when
-/// there is one.
+/// running. Idle workers spin briefly, then sleep on a futex. A post wakes a sleeper only when no
+/// worker is spinning: the spinner will take the job, and on a machine with few cores every extra
+/// runnable thread takes time from the threads doing the work.
 class WorkerPool {
   public:
     /// The pool that runs work of this quality of service.
@@ -35,15 +36,20 @@ class WorkerPool {
     /// Appends `job` to the pool's queue. Safe from any thread, including a worker of this pool.
     void post(PoolJob* job) noexcept;
 
+    /// Whether jobs are waiting for a worker (a snapshot).
+    bool hasQueuedJobs() const noexcept { return queuedCount_.load(std::memory_order_relaxed) > 0; }
+
   private:
     void workerMain(unsigned index) noexcept;
     PoolJob* take() noexcept;
     void waitForWork() noexcept;
+    void wakeOneIfNoneSpinning() noexcept;
 
     UnfairLock lock_;
     PoolJob* head_ = nullptr;  // guarded by lock_
     PoolJob* tail_ = nullptr;  // guarded by lock_
     std::atomic<std::int64_t> queuedCount_{0};
+    std::atomic<std::uint32_t> spinnerCount_{0};
     std::atomic<std::uint32_t> sleeperCount_{0};
     std::atomic<std::uint32_t> wakeSequence_{0};
     std::string name_;

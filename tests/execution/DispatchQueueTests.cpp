@@ -2,6 +2,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
@@ -52,8 +53,9 @@ TEST(DispatchQueue, SerialQueueRunsOneAtATimeInOrderOnItsNamedPool) {
     EXPECT_EQ(threadName.rfind("mirels.high.", 0), 0U) << threadName;
 }
 
-// Many producers flood one serial queue while it keeps going idle and busy again: every callback
-// runs exactly once, and each producer's callbacks run in the order it submitted them.
+// Many producers flood one serial queue in bursts, so that it keeps going idle and busy again:
+// every callback runs exactly once, and each producer's callbacks run in the order it submitted
+// them.
 TEST(DispatchQueue, ManyProducersStress) {
     auto queue = DispatchQueue::create("test.stress", QualityOfService::standard);
     constexpr int producers = 4;
@@ -70,7 +72,9 @@ TEST(DispatchQueue, ManyProducersStress) {
                     nextExpected[p] = i + 1;
                     ran.fetch_add(1, std::memory_order_release);
                 });
-                if (i % 1000 == 0) std::this_thread::yield();  // let the queue go idle now and then
+                // Pause now and then, long enough for the worker to let the queue go idle, so
+                // that the hand-offs between producers and workers get exercised as well.
+                if (i % 200 == 0) std::this_thread::sleep_for(std::chrono::microseconds(50));
             }
         });
     }
