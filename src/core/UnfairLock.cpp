@@ -39,7 +39,9 @@ void processWideBarrier() noexcept {
 
 UnfairLock::UnfairLock() : word_(new std::atomic<std::uint32_t>(unlocked)) {}
 
-UnfairLock::~UnfairLock() { delete word_; }
+UnfairLock::~UnfairLock() {
+    delete word_;
+}
 
 void UnfairLock::lockContended() noexcept {
     // Spin a little first: critical sections of the library are a few instructions long, and a
@@ -72,6 +74,8 @@ void UnfairLock::lockContended() noexcept {
     sleepers.fetch_sub(1, std::memory_order_relaxed);
 }
 
-void UnfairLock::wakeOne() noexcept { futex(word_, FUTEX_WAKE, 1); }
+void UnfairLock::wakeOne() noexcept {
+    futex(word_, FUTEX_WAKE, 1);
+}
 
 }  // namespace mirels

@@ -5,11 +5,10 @@
 #include <string>
 
 // Every shared object has its own `__dso_handle`; taking its address inside a default argument
-// evaluates in the caller's translation unit and so names the caller's image.
-extern "C" {
-extern void* __dso_handle
-    __attribute__((visibility("hidden")));  // NOLINT(bugprone-reserved-identifier)
-}
+// evaluates in the caller's translation unit and so names the caller's image. Declared as GCC
+// declares it implicitly (C++ linkage; a variable at namespace scope names the same symbol
+// either way), so that the two declarations agree in any include order.
+extern void* __dso_handle;  // NOLINT(bugprone-reserved-identifier)
 
 namespace mirels {
 
