@@ -125,7 +125,7 @@ UserDefaults::UserDefaults(std::string domain, std::filesystem::path file)
 
 std::filesystem::path UserDefaults::fileForDomain(std::string_view domain) {
     std::filesystem::path base;
-    // The base directory specification ignores relative values.
+    // A relative XDG_CONFIG_HOME is not valid and is ignored, as other XDG programs do.
     if (const char* config = ::getenv("XDG_CONFIG_HOME"); config != nullptr && config[0] == '/') {
         base = config;
     } else {

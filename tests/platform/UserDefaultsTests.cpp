@@ -39,11 +39,11 @@ TEST_F(UserDefaultsTest, SetAndRemoveRoundTripThroughTheFile) {
     EXPECT_FALSE(fs::exists(file));
 
     defaults.set("flag", false);
-    defaults.set("name", "Kestrel");
+    defaults.set("name", "Grid");
     defaults.set("count", std::int64_t{-3});
     defaults.set("list", PlistArray{1, "two"});
     EXPECT_EQ(defaults.boolean("flag"), false);
-    EXPECT_EQ(defaults.string("name"), "Kestrel");
+    EXPECT_EQ(defaults.string("name"), "Grid");
     EXPECT_EQ(defaults.integer("count"), -3);
     // Typed reads of another kind are absent, not converted.
     EXPECT_EQ(defaults.boolean("count"), std::nullopt);
@@ -55,7 +55,7 @@ TEST_F(UserDefaultsTest, SetAndRemoveRoundTripThroughTheFile) {
     std::string contents((std::istreambuf_iterator<char>(stream)), {});
     EXPECT_NE(contents.find("<?xml"), std::string::npos);
     UserDefaults other("org.mirels.test", file);
-    EXPECT_EQ(other.string("name"), "Kestrel");
+    EXPECT_EQ(other.string("name"), "Grid");
 
     // Changes made through one store are seen by the other.
     other.remove("name");
