@@ -6,11 +6,11 @@
 #include <benchmark/benchmark.h>
 
 #include <atomic>
-#include <future>
-#include <thread>
 #include <cstdlib>
+#include <future>
 #include <mutex>
 #include <new>
+#include <thread>
 
 #include "mirels/core/Assertions.h"
 #include "mirels/core/CancellationToken.h"
