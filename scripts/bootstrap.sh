@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   # toolchain
   build-essential cmake ninja-build pkg-config git
-  clang-16 libclang-rt-16-dev clang-format clang-tidy
+  clang-16 libclang-rt-16-dev clang-format-16 clang-tidy-16
   # test and benchmark frameworks
   libgtest-dev libgmock-dev libbenchmark-dev
   # runtime dependencies of the library

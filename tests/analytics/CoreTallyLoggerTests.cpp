@@ -13,6 +13,7 @@
 #include "mirels/platform/ProcessInfo.h"
 #include "mirels/platform/UserDefaults.h"
 #include "platform/ChildProcess.h"
+#include "support/TemporaryDirectory.h"
 
 namespace mirels {
 namespace {
@@ -162,26 +163,19 @@ TEST_F(CoreTallyLoggerTest, ConcurrentEventsWhileTheTransportIsSwapped) {
 // The switch is read once per process, so each case runs in a fresh child process.
 class CoreTallyGateTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "mirels-gate-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        folder_ = pattern;
-    }
-    void TearDown() override { fs::remove_all(folder_); }
-
     UserDefaults preferences() {
         return UserDefaults(std::string(UserDefaults::standardDomain),
-                            folder_ / "mirels" / "org.mirels.foundation.plist");
+                            folder_.path() / "mirels" / "org.mirels.foundation.plist");
     }
     std::string eventCount(const std::vector<std::string>& actions) {
         auto result =
             testing::runChild(std::string(MIRELS_TEST_PROGRAM_DIR) + "/platform_core_tally_probe",
-                              actions, {{"XDG_CONFIG_HOME", folder_.string()}});
+                              actions, {{"XDG_CONFIG_HOME", folder_.path().string()}});
         EXPECT_EQ(result.exitCode, 0);
         return result.output.substr(0, result.output.find('\n'));
     }
 
-    fs::path folder_;
+    testing::TemporaryDirectory folder_{"mirels-gate"};
 };
 
 TEST_F(CoreTallyGateTest, OnWhenUnsetOrTrueOffWhenFalseAndReadOncePerProcess) {
@@ -193,7 +187,8 @@ TEST_F(CoreTallyGateTest, OnWhenUnsetOrTrueOffWhenFalseAndReadOncePerProcess) {
     // The previous child left it true.
     EXPECT_EQ(eventCount({"log"}), "events=1");
     // A damaged preferences file reads as unset.
-    std::ofstream(folder_ / "mirels" / "org.mirels.foundation.plist") << "<plist><dict><key>";
+    std::ofstream(folder_.path() / "mirels" / "org.mirels.foundation.plist")
+        << "<plist><dict><key>";
     EXPECT_EQ(eventCount({"log"}), "events=1");
 }
 

@@ -9,6 +9,7 @@
 #include "mirels/platform/ProcessInfo.h"
 #include "mirels/plist/PlistSerialization.h"
 #include "platform/ChildProcess.h"
+#include "support/TemporaryDirectory.h"
 
 namespace mirels {
 namespace {
@@ -31,34 +32,30 @@ TEST(HostBundle, NearestContentsAncestorNamesTheBundle) {
 class FakeBundleTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "mirels-bundle-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        folder_ = pattern;
-        fs::create_directories(folder_ / "Fake.app" / "Contents" / "MacOS");
-        fs::create_directories(folder_ / "xdg");
-        probe_ = folder_ / "Fake.app" / "Contents" / "MacOS" / "platform_core_tally_probe";
+        fs::create_directories(folder_.path() / "Fake.app" / "Contents" / "MacOS");
+        fs::create_directories(folder_.path() / "xdg");
+        probe_ = folder_.path() / "Fake.app" / "Contents" / "MacOS" / "platform_core_tally_probe";
         fs::copy_file(fs::path(MIRELS_TEST_PROGRAM_DIR) / "platform_core_tally_probe", probe_);
         fs::permissions(probe_, fs::perms::owner_all);
     }
-    void TearDown() override { fs::remove_all(folder_); }
 
     void writeVersionRecord(const PlistValue& record) {
-        std::ofstream(folder_ / "Fake.app" / "Contents" / "version.plist") << toXML(record);
+        std::ofstream(folder_.path() / "Fake.app" / "Contents" / "version.plist") << toXML(record);
     }
     std::string runProbe() {
         auto result = testing::runChild(probe_.string(), {"log"},
-                                        {{"XDG_CONFIG_HOME", (folder_ / "xdg").string()}});
+                                        {{"XDG_CONFIG_HOME", (folder_.path() / "xdg").string()}});
         EXPECT_EQ(result.exitCode, 0);
         return result.output;
     }
 
-    fs::path folder_;
+    testing::TemporaryDirectory folder_{"mirels-bundle"};
     fs::path probe_;
 };
 
 TEST_F(FakeBundleTest, BuildVersionComesFromTheBundlesVersionRecord) {
     writeVersionRecord(PlistDictionary{{"ProductBuildVersion", "24A335"}, {"Other", 1}});
-    EXPECT_EQ(bundleBuildVersion(folder_ / "Fake.app"), "24A335");
+    EXPECT_EQ(bundleBuildVersion(folder_.path() / "Fake.app"), "24A335");
     EXPECT_EQ(hostBundleBuildVersion(probe_), "24A335");
     EXPECT_EQ(runProbe(),
               "events=1\n"
@@ -76,11 +73,11 @@ TEST_F(FakeBundleTest, MissingOrUnusableVersionRecordGivesNull) {
     EXPECT_EQ(runProbe(), noVersion);
 
     writeVersionRecord(PlistDictionary{{"ProductBuildVersion", 24}});
-    EXPECT_EQ(bundleBuildVersion(folder_ / "Fake.app"), std::nullopt);
+    EXPECT_EQ(bundleBuildVersion(folder_.path() / "Fake.app"), std::nullopt);
     EXPECT_EQ(runProbe(), noVersion);
 
-    std::ofstream(folder_ / "Fake.app" / "Contents" / "version.plist") << "<plist><dict>";
-    EXPECT_EQ(bundleBuildVersion(folder_ / "Fake.app"), std::nullopt);
+    std::ofstream(folder_.path() / "Fake.app" / "Contents" / "version.plist") << "<plist><dict>";
+    EXPECT_EQ(bundleBuildVersion(folder_.path() / "Fake.app"), std::nullopt);
 }
 
 }  // namespace

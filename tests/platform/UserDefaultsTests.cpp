@@ -10,6 +10,7 @@
 #include "mirels/platform/Log.h"
 #include "mirels/platform/UserDefaults.h"
 #include "mirels/plist/PlistSerialization.h"
+#include "support/TemporaryDirectory.h"
 
 namespace mirels {
 namespace {
@@ -18,14 +19,7 @@ namespace fs = std::filesystem;
 
 class UserDefaultsTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "mirels-defaults-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        folder_ = pattern;
-    }
-    void TearDown() override { fs::remove_all(folder_); }
-
-    fs::path folder_;
+    testing::TemporaryDirectory folder_{"mirels-defaults"};
 };
 
 void writeFile(const fs::path& file, std::string_view contents) {
@@ -33,7 +27,7 @@ void writeFile(const fs::path& file, std::string_view contents) {
 }
 
 TEST_F(UserDefaultsTest, SetAndRemoveRoundTripThroughTheFile) {
-    fs::path file = folder_ / "nested" / "org.mirels.test.plist";
+    fs::path file = folder_.path() / "nested" / "org.mirels.test.plist";
     UserDefaults defaults("org.mirels.test", file);
     EXPECT_EQ(defaults.object("missing"), std::nullopt);
     EXPECT_FALSE(fs::exists(file));
@@ -87,7 +81,7 @@ TEST_F(UserDefaultsTest, DamagedFilesReadAsEmptyAndAreLoggedOnce) {
     };
     for (const Case& damaged : cases) {
         SCOPED_TRACE(damaged.reason);
-        fs::path file = folder_ / "damaged.plist";
+        fs::path file = folder_.path() / "damaged.plist";
         writeFile(file, damaged.contents);
         ScopedLogCapture capture;
         UserDefaults defaults("damaged", file);
@@ -122,7 +116,7 @@ TEST_F(UserDefaultsTest, FileLocationFollowsTheEnvironment) {
 }
 
 TEST_F(UserDefaultsTest, ConcurrentWritersKeepEveryKey) {
-    fs::path file = folder_ / "shared.plist";
+    fs::path file = folder_.path() / "shared.plist";
     UserDefaults defaults("shared", file);
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {

@@ -62,14 +62,14 @@ class AnalyticsFieldBuilder {
     template <class T>
     static AnalyticsValue makeValue(T*, Callsite) = delete;
     template <class T>
-    requires std::signed_integral<T> &&(!std::is_same_v<T, char>)static AnalyticsValue
-        makeValue(T value, Callsite) {
+        requires std::signed_integral<T> && (!std::is_same_v<T, char>)
+    static AnalyticsValue makeValue(T value, Callsite) {
         return AnalyticsValue::integer(static_cast<std::int64_t>(value));
     }
     template <class T>
-    requires std::unsigned_integral<T> &&
-        (!std::is_same_v<T, bool>)&&(!std::is_same_v<T, char>)static AnalyticsValue
-        makeValue(T value, Callsite callsite) {
+        requires std::unsigned_integral<T> && (!std::is_same_v<T, bool>) &&
+                 (!std::is_same_v<T, char>)
+    static AnalyticsValue makeValue(T value, Callsite callsite) {
         if constexpr (sizeof(T) >= sizeof(std::int64_t)) {
             if (value > static_cast<T>(std::numeric_limits<std::int64_t>::max())) {
                 fatalError("analytics field value " + std::to_string(value) +
@@ -80,7 +80,7 @@ class AnalyticsFieldBuilder {
         return AnalyticsValue::integer(static_cast<std::int64_t>(value));
     }
     template <class T>
-    requires std::floating_point<T>
+        requires std::floating_point<T>
     static AnalyticsValue makeValue(T value, Callsite) {
         return AnalyticsValue::floating(static_cast<double>(value));
     }
@@ -106,14 +106,15 @@ class AnalyticsFieldBuilder {
         Value(std::nullptr_t) noexcept {}  // NOLINT(google-explicit-constructor)
 
         template <class T>
-        requires accepts<std::decay_t<T>> Value(T&& value,  // NOLINT(google-explicit-constructor)
-                                                Callsite callsite = Callsite::current())
+            requires accepts<std::decay_t<T>>
+        Value(T&& value,  // NOLINT(google-explicit-constructor)
+              Callsite callsite = Callsite::current())
             : value_(makeValue(std::decay_t<T>(std::forward<T>(value)), callsite)) {}
 
         template <class T>
-        requires accepts<T> Value(
-            const std::optional<T>& value,  // NOLINT(google-explicit-constructor)
-            Callsite callsite = Callsite::current())
+            requires accepts<T>
+        Value(const std::optional<T>& value,  // NOLINT(google-explicit-constructor)
+              Callsite callsite = Callsite::current())
             : value_(value ? makeValue(T(*value), callsite) : AnalyticsValue::null()) {}
 
         const AnalyticsValue& value() const& noexcept { return value_; }

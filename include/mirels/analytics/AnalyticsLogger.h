@@ -19,7 +19,7 @@ class AnalyticsLogger {
     /// Builds the fields with `makeFields` (typically `AnalyticsFieldBuilder::buildBlock`) and
     /// logs them.
     template <class MakeFields>
-    requires std::is_invocable_r_v<AnalyticsFields, MakeFields&&>
+        requires std::is_invocable_r_v<AnalyticsFields, MakeFields&&>
     void logEvent(std::string_view identifierSuffix, MakeFields&& makeFields) {
         logEvent(identifierSuffix, AnalyticsFields(std::forward<MakeFields>(makeFields)()));
     }

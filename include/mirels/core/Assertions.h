@@ -31,11 +31,11 @@ struct IsOptional<std::optional<T>> : std::true_type {};
 
 /// Things that can be absent: optionals, raw and smart pointers, nullptr.
 template <class T>
-concept Nullable = IsOptional<std::remove_cvref_t<T>>::value ||
-    std::is_pointer_v<std::remove_cvref_t<T>> || std::is_null_pointer_v<std::remove_cvref_t<T>> ||
-    requires(const T& value) {
-    { value == nullptr } -> std::convertible_to<bool>;
-};
+concept Nullable =
+    IsOptional<std::remove_cvref_t<T>>::value || std::is_pointer_v<std::remove_cvref_t<T>> ||
+    std::is_null_pointer_v<std::remove_cvref_t<T>> || requires(const T& value) {
+        { value == nullptr } -> std::convertible_to<bool>;
+    };
 
 template <Nullable T>
 constexpr bool isAbsent(const T& value) noexcept {
@@ -104,7 +104,7 @@ struct IsCastableTo {
 
 /// `condition` (a bool, or a callable evaluated once) is true.
 template <class Condition>
-requires std::convertible_to<Condition, bool> || std::is_invocable_r_v<bool, Condition&&>
+    requires std::convertible_to<Condition, bool> || std::is_invocable_r_v<bool, Condition&&>
 bool assertTrue(Condition&& condition, Callsite callsite = Callsite::current()) {
     if (static_cast<bool>(detail::evaluate(std::forward<Condition>(condition)))) [[likely]] {
         return true;
@@ -115,9 +115,9 @@ bool assertTrue(Condition&& condition, Callsite callsite = Callsite::current()) 
 
 #define MIRELS_DEFINE_COMPARISON_ASSERTION(name, label, op)                          \
     template <class A, class B>                                                      \
-    requires requires(const A& a, const B& b) {                                      \
-        { a op b } -> std::convertible_to<bool>;                                     \
-    }                                                                                \
+        requires requires(const A& a, const B& b) {                                  \
+            { a op b } -> std::convertible_to<bool>;                                 \
+        }                                                                            \
     bool name(const A& a, const B& label, Callsite callsite = Callsite::current()) { \
         if (static_cast<bool>(a op label)) [[likely]] {                              \
             return true;                                                             \
@@ -136,10 +136,10 @@ MIRELS_DEFINE_COMPARISON_ASSERTION(assertGreaterOrEqual, to, >=)
 /// Two object references (raw or smart pointers, or nullptr) are the same object, or both
 /// absent. Objects with equal contents but different identities fail.
 template <class A, class B>
-requires(std::is_pointer_v<A> || std::is_null_pointer_v<A> || requires(const A& a) { a.get(); }) &&
-    (std::is_pointer_v<B> || std::is_null_pointer_v<B> || requires(const B& b) {
-        b.get();
-    }) bool assertIdentical(const A& a, const B& to, Callsite callsite = Callsite::current()) {
+    requires(std::is_pointer_v<A> || std::is_null_pointer_v<A> ||
+             requires(const A& a) { a.get(); }) &&
+            (std::is_pointer_v<B> || std::is_null_pointer_v<B> || requires(const B& b) { b.get(); })
+bool assertIdentical(const A& a, const B& to, Callsite callsite = Callsite::current()) {
     if (detail::identityOf(a) == detail::identityOf(to)) [[likely]]
         return true;
     detail::reportSoftAssertionFailure(callsite);
@@ -158,7 +158,7 @@ bool assertNil(const T& value, Callsite callsite = Callsite::current()) {
 /// As `assertNil`, with a message (a text, or a callable making one) that is evaluated and then
 /// discarded: the report never carries it.
 template <detail::Nullable T, class Message>
-requires std::convertible_to<Message, std::string_view> || std::is_invocable_v<Message&&>
+    requires std::convertible_to<Message, std::string_view> || std::is_invocable_v<Message&&>
 bool assertNil(const T& value, Message&& message, Callsite callsite = Callsite::current()) {
     [[maybe_unused]] auto&& evaluated = detail::evaluate(std::forward<Message>(message));
     return assertNil(value, callsite);
@@ -201,9 +201,7 @@ std::optional<T> assertUnwrap(const std::optional<T>& value,
 
 /// The pointer is not null: the pointer, else null.
 template <class Pointer>
-requires std::is_pointer_v<Pointer> || requires(const Pointer& p) {
-    p.get();
-}
+    requires std::is_pointer_v<Pointer> || requires(const Pointer& p) { p.get(); }
 Pointer assertUnwrap(Pointer pointer, Callsite callsite = Callsite::current()) {
     if (pointer == nullptr) [[unlikely]]
         detail::reportSoftAssertionFailure(callsite);
@@ -219,8 +217,8 @@ std::optional<T> assertCast(const std::any& value, Callsite callsite = Callsite:
 /// The object is a `T` (dynamic cast of a pointer): the cast pointer, else null. A null input
 /// fails too.
 template <class T, class U>
-requires std::is_polymorphic_v<U> T* assertCast(U* object,
-                                                Callsite callsite = Callsite::current()) {
+    requires std::is_polymorphic_v<U>
+T* assertCast(U* object, Callsite callsite = Callsite::current()) {
     T* cast = dynamic_cast<T*>(object);
     if (cast == nullptr) [[unlikely]]
         detail::reportSoftAssertionFailure(callsite);
@@ -228,8 +226,9 @@ requires std::is_polymorphic_v<U> T* assertCast(U* object,
 }
 
 template <class T, class U>
-requires std::is_polymorphic_v<U> std::shared_ptr<T> assertCast(
-    const std::shared_ptr<U>& object, Callsite callsite = Callsite::current()) {
+    requires std::is_polymorphic_v<U>
+std::shared_ptr<T> assertCast(const std::shared_ptr<U>& object,
+                              Callsite callsite = Callsite::current()) {
     std::shared_ptr<T> cast = std::dynamic_pointer_cast<T>(object);
     if (cast == nullptr) [[unlikely]]
         detail::reportSoftAssertionFailure(callsite);
@@ -239,7 +238,7 @@ requires std::is_polymorphic_v<U> std::shared_ptr<T> assertCast(
 /// Runs `expression`; its value, or nothing when it throws (the exception is swallowed and
 /// reported). A `void` expression gives true or false.
 template <class F>
-requires std::is_invocable_v<F&&>
+    requires std::is_invocable_v<F&&>
 auto assertNoThrow(F&& expression, Callsite callsite = Callsite::current()) {
     using R = std::invoke_result_t<F&&>;
     if constexpr (std::is_void_v<R>) {

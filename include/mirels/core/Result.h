@@ -23,7 +23,7 @@ class Result {
 
     /// Runs `body`; its value, or the error it threw.
     template <class F>
-    requires std::is_invocable_r_v<T, F&&>
+        requires std::is_invocable_r_v<T, F&&>
     static Result catching(F&& body) noexcept {
         try {
             return Result(std::forward<F>(body)());
@@ -68,7 +68,7 @@ class Result<void> {
     static Result failure(Error error) { return Result(std::move(error)); }
 
     template <class F>
-    requires std::is_invocable_v<F&&>
+        requires std::is_invocable_v<F&&>
     static Result catching(F&& body) noexcept {
         try {
             std::forward<F>(body)();

@@ -37,9 +37,9 @@ class SynchronousAccessProviding {
     /// Writes `newValue` into the member `member` of the value, in one protected step. Reported
     /// under the library's own call site for this operation, not the caller's.
     template <class MemberPointer, class NewValue>
-    requires std::is_member_object_pointer_v<MemberPointer> &&
-        std::is_assignable_v<std::invoke_result_t<MemberPointer, Value&>, NewValue &&> void
-        syncSetValue(MemberPointer member, NewValue&& newValue) {
+        requires std::is_member_object_pointer_v<MemberPointer> &&
+                 std::is_assignable_v<std::invoke_result_t<MemberPointer, Value&>, NewValue&&>
+    void syncSetValue(MemberPointer member, NewValue&& newValue) {
         self().syncWrite(
             [&](Value& value) { std::invoke(member, value) = std::forward<NewValue>(newValue); },
             Callsite::library("syncSetValue(at:to:)"));
@@ -55,13 +55,29 @@ class SynchronousAccessProviding {
 };
 
 /// The unprotected counterparts, for callers that already hold the box's lock or know that the
-/// box is not shared.
+/// box is not shared. The box declares this mixin a friend and keeps its value in `value_`.
 template <class Derived, class Value>
 class UnsafeSynchronousAccessProviding {
   public:
+    /// Runs `body` with read access to the value, without locking or checking.
+    template <class F>
+        requires std::is_invocable_v<F&&, const Value&>
+    std::invoke_result_t<F&&, const Value&> unsafeRead(
+        F&& body, [[maybe_unused]] Callsite callsite = Callsite::current()) const {
+        return std::invoke(std::forward<F>(body),
+                           std::as_const(static_cast<const Derived&>(*this).value_));
+    }
+
+    /// Runs `body` with mutable access to the value, without locking or checking.
+    template <class F>
+        requires std::is_invocable_v<F&&, Value&>
+    std::invoke_result_t<F&&, Value&> unsafeWrite(
+        F&& body, [[maybe_unused]] Callsite callsite = Callsite::current()) {
+        return std::invoke(std::forward<F>(body), static_cast<Derived&>(*this).value_);
+    }
+
     Value unsafePeek(Callsite callsite = Callsite::current()) const {
-        return static_cast<const Derived&>(*this).unsafeRead(
-            [](const Value& value) { return value; }, callsite);
+        return unsafeRead([](const Value& value) { return value; }, callsite);
     }
 
   protected:

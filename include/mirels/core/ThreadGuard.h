@@ -44,9 +44,9 @@ class ThreadGuard final : public SynchronousAccessProviding<ThreadGuard<Value>, 
     ThreadGuard& operator=(const ThreadGuard&) = delete;
 
     template <class F>
-    requires std::is_invocable_v<F&&, const Value&> std::invoke_result_t<F&&, const Value&>
-    syncRead(F&& body, Callsite callsite = Callsite::current())
-    const {
+        requires std::is_invocable_v<F&&, const Value&>
+    std::invoke_result_t<F&&, const Value&> syncRead(
+        F&& body, Callsite callsite = Callsite::current()) const {
         if (tracker_->currentExecutionExclusivity() == ExecutionExclusivity::none) {
             detail::reportSoftAssertionFailure(callsite);
         }
@@ -56,8 +56,8 @@ class ThreadGuard final : public SynchronousAccessProviding<ThreadGuard<Value>, 
     }
 
     template <class F>
-    requires std::is_invocable_v<F&&, Value&> std::invoke_result_t<F&&, Value&> syncWrite(
-        F&& body, Callsite callsite = Callsite::current()) {
+        requires std::is_invocable_v<F&&, Value&>
+    std::invoke_result_t<F&&, Value&> syncWrite(F&& body, Callsite callsite = Callsite::current()) {
         if (tracker_->currentExecutionExclusivity() != ExecutionExclusivity::exclusive) {
             detail::reportSoftAssertionFailure(callsite);
         }
@@ -67,22 +67,12 @@ class ThreadGuard final : public SynchronousAccessProviding<ThreadGuard<Value>, 
         return std::invoke(std::forward<F>(body), value_);
     }
 
-    /// No checks, no counting.
-    template <class F>
-    requires std::is_invocable_v<F&&, const Value&> std::invoke_result_t<F&&, const Value&>
-    unsafeRead(F&& body, [[maybe_unused]] Callsite callsite = Callsite::current())
-    const { return std::invoke(std::forward<F>(body), std::as_const(value_)); }
-
-    template <class F>
-    requires std::is_invocable_v<F&&, Value&> std::invoke_result_t<F&&, Value&> unsafeWrite(
-        F&& body, [[maybe_unused]] Callsite callsite = Callsite::current()) {
-        return std::invoke(std::forward<F>(body), value_);
-    }
-
     std::intptr_t readers() const noexcept { return load(readers_); }
     std::intptr_t writers() const noexcept { return load(writers_); }
 
   private:
+    friend class UnsafeSynchronousAccessProviding<ThreadGuard<Value>, Value>;
+
     // The counters are only meaningful on the owning thread, but misuse from another thread is
     // exactly what the guard exists to catch, so they are relaxed atomics: a racing caller gets a
     // report, never undefined behaviour. Relaxed load and store compile to plain moves.

@@ -27,10 +27,12 @@ class ThreadSafe final : public SynchronousAccessProviding<ThreadSafe<Value>, Va
   public:
     using ValueType = Value;
 
-    ThreadSafe() requires std::is_default_constructible_v<Value> : value_() {}
+    ThreadSafe()
+        requires std::is_default_constructible_v<Value>
+        : value_() {}
 
     template <class... Args>
-    requires std::is_constructible_v<Value, Args&&...>
+        requires std::is_constructible_v<Value, Args&&...>
     explicit ThreadSafe(std::in_place_t, Args&&... args) : value_(std::forward<Args>(args)...) {}
 
     explicit ThreadSafe(Value value) : value_(std::move(value)) {}
@@ -45,35 +47,25 @@ class ThreadSafe final : public SynchronousAccessProviding<ThreadSafe<Value>, Va
     /// Runs `body` with read access to the value under the lock and returns what it returns. The
     /// value is lent, not copied: the lock keeps it from changing while `body` runs.
     template <class F>
-    requires std::is_invocable_v<F&&, const Value&> std::invoke_result_t<F&&, const Value&>
-    syncRead(F&& body, [[maybe_unused]] Callsite callsite = Callsite::current())
-    const {
+        requires std::is_invocable_v<F&&, const Value&>
+    std::invoke_result_t<F&&, const Value&> syncRead(
+        F&& body, [[maybe_unused]] Callsite callsite = Callsite::current()) const {
         std::lock_guard guard(lock_);
         return std::invoke(std::forward<F>(body), std::as_const(value_));
     }
 
     /// Runs `body` with mutable access to the value in place under the lock.
     template <class F>
-    requires std::is_invocable_v<F&&, Value&> std::invoke_result_t<F&&, Value&> syncWrite(
+        requires std::is_invocable_v<F&&, Value&>
+    std::invoke_result_t<F&&, Value&> syncWrite(
         F&& body, [[maybe_unused]] Callsite callsite = Callsite::current()) {
         std::lock_guard guard(lock_);
         return std::invoke(std::forward<F>(body), value_);
     }
 
-    /// `syncRead` without the lock: for callers that hold it already or own the box alone.
-    template <class F>
-    requires std::is_invocable_v<F&&, const Value&> std::invoke_result_t<F&&, const Value&>
-    unsafeRead(F&& body, [[maybe_unused]] Callsite callsite = Callsite::current())
-    const { return std::invoke(std::forward<F>(body), std::as_const(value_)); }
-
-    /// `syncWrite` without the lock.
-    template <class F>
-    requires std::is_invocable_v<F&&, Value&> std::invoke_result_t<F&&, Value&> unsafeWrite(
-        F&& body, [[maybe_unused]] Callsite callsite = Callsite::current()) {
-        return std::invoke(std::forward<F>(body), value_);
-    }
-
   private:
+    friend class UnsafeSynchronousAccessProviding<ThreadSafe<Value>, Value>;
+
     mutable UnfairLock lock_;
     Value value_;
 };

@@ -26,17 +26,17 @@ class UniqueFunction<R(Args...), InlineSize> {
 
     template <class F>
     static constexpr bool storedInline =
-        sizeof(F) <= InlineSize &&
-        alignof(F) <= alignof(std::max_align_t) && std::is_nothrow_move_constructible_v<F>;
+        sizeof(F) <= InlineSize && alignof(F) <= alignof(std::max_align_t) &&
+        std::is_nothrow_move_constructible_v<F>;
 
   public:
     UniqueFunction() noexcept = default;
     UniqueFunction(std::nullptr_t) noexcept {}  // NOLINT(google-explicit-constructor)
 
     template <class F>
-    requires(!std::is_same_v<std::remove_cvref_t<F>, UniqueFunction> &&
-             std::is_invocable_r_v<R, std::decay_t<F>&, Args...>)
-        UniqueFunction(F&& f) {  // NOLINT(google-explicit-constructor)
+        requires(!std::is_same_v<std::remove_cvref_t<F>, UniqueFunction> &&
+                 std::is_invocable_r_v<R, std::decay_t<F>&, Args...>)
+    UniqueFunction(F&& f) {  // NOLINT(google-explicit-constructor)
         using Fn = std::decay_t<F>;
         if constexpr (std::is_pointer_v<Fn> || std::is_member_pointer_v<Fn>) {
             if (f == nullptr) return;

@@ -21,7 +21,7 @@ class Unreachable final : public HumanReadableError {
 
     /// Takes the message lazily: `makeMessage` runs once, here.
     template <class MakeMessage>
-    requires std::is_invocable_r_v<std::string, MakeMessage&&>
+        requires std::is_invocable_r_v<std::string, MakeMessage&&>
     explicit Unreachable(MakeMessage&& makeMessage, Callsite callsite = Callsite::current())
         : Unreachable(std::string(std::forward<MakeMessage>(makeMessage)()), callsite) {}
 

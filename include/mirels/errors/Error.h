@@ -22,11 +22,10 @@ class Error {
   public:
     /// Holds a copy (or the moved value) of `error`, which may be of any type.
     template <class E>
-    requires(!std::is_same_v<std::remove_cvref_t<E>, Error> &&
-             !std::is_same_v<std::remove_cvref_t<E>, std::exception_ptr> &&
-             std::is_copy_constructible_v<std::remove_cvref_t<E>>)
-        Error(
-            E&& error)  // NOLINT(google-explicit-constructor): any thrown object is an error value
+        requires(!std::is_same_v<std::remove_cvref_t<E>, Error> &&
+                 !std::is_same_v<std::remove_cvref_t<E>, std::exception_ptr> &&
+                 std::is_copy_constructible_v<std::remove_cvref_t<E>>)
+    Error(E&& error)  // NOLINT(google-explicit-constructor): any thrown object is an error value
         : box_(std::make_shared<Typed<std::remove_cvref_t<E>>>(std::forward<E>(error))) {}
 
     /// Holds the object behind `exception`, which must not be null.

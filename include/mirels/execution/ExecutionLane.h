@@ -87,8 +87,8 @@ class ExecutionLane {
     /// submitted to the main queue or the lane's queue. The inline path invokes the callable
     /// directly and never allocates; only a submitted callback is stored as a `UniqueFunction`.
     template <class F>
-    requires std::is_invocable_v < std::decay_t<F>
-    & > void execute(F&& callback) const {
+        requires std::is_invocable_v<std::decay_t<F>&>
+    void execute(F&& callback) const {
         if (isCurrent()) {
             std::invoke(callback);
         } else if (kind_ == Kind::main) {

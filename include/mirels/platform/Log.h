@@ -157,12 +157,12 @@ struct LogArgument {
 
 template <class T>
 concept HasDescription = requires(const T& value) {
-    {value.description()};
+    { value.description() };
 };
 
 template <class T>
 concept Streamable = requires(std::ostream& stream, const T& value) {
-    {stream << value};
+    { stream << value };
 };
 
 void appendText(std::string& out, std::string_view text);
