@@ -30,6 +30,8 @@ TEST(Error, TypedErrorsAnswerWithoutThrowing) {
     EXPECT_EQ(error.humanReadableError(), nullptr);
     EXPECT_THROW(error.rethrow(), std::out_of_range);
 
+    EXPECT_EQ(Error(std::string("streamed")).description(), "streamed");
+
     Error plain(Plain{4});
     EXPECT_EQ(plain.as<Plain>()->code, 4);
     EXPECT_EQ(plain.exception(), nullptr);
@@ -57,6 +59,9 @@ TEST(Error, ForeignErrorsKeepTheThrownObject) {
     Error number = capture(42);
     EXPECT_EQ(*number.as<int>(), 42);
     EXPECT_EQ(number.typeName(), "int");
+    EXPECT_EQ(number.description(), "42");
+    EXPECT_EQ(capture("text").description(), "text");
+    EXPECT_EQ(capture(Plain{1}).description(), "Plain");
     EXPECT_EQ(number.as<long>(), nullptr);
     Error derived = capture(Derived{});
     EXPECT_EQ(derived.as<Base>(), static_cast<const Base*>(derived.as<Derived>()));
@@ -71,6 +76,11 @@ TEST(Error, ForeignErrorsKeepTheThrownObject) {
     Error human(Unreachable("never"));
     ASSERT_NE(human.humanReadableError(), nullptr);
     EXPECT_EQ(human.humanReadableError()->additionalInfo(), "never");
+    // A shared handle on the held error keeps the storage alive.
+    std::shared_ptr<const HumanReadableError> shared = Error(human).sharedHumanReadableError();
+    human = Error(Plain{0});
+    EXPECT_EQ(shared->additionalInfo(), "never");
+    EXPECT_EQ(runtime.sharedHumanReadableError(), nullptr);
 }
 
 TEST(Result, HoldsAValueOrTheErrorThatPreventedIt) {
