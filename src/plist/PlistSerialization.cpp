@@ -244,9 +244,9 @@ void checkBinaryStructure(std::span<const std::uint8_t> bytes) {
     const std::uint64_t objectCount = readBigEndian(trailer + 8, 8);
     const std::uint64_t topObject = readBigEndian(trailer + 16, 8);
     const std::uint64_t tableOffset = readBigEndian(trailer + 24, 8);
-    auto isIntegerSize = [](std::size_t size) {
-        return size == 1 || size == 2 || size == 4 || size == 8;
-    };
+    // Any width from one to eight bytes: libplist itself writes three-byte offsets and
+    // references once a file outgrows 64 KiB.
+    auto isIntegerSize = [](std::size_t size) { return size >= 1 && size <= 8; };
     if (!isIntegerSize(offsetSize) || !isIntegerSize(referenceSize)) {
         throw damaged("unsupported offset or reference size");
     }

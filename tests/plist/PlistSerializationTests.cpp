@@ -45,6 +45,12 @@ TEST(PlistSerialization, XMLAndBinaryRoundTripEveryKind) {
     EXPECT_NE(xml.find("<integer>-5</integer>"), std::string::npos);
     EXPECT_NE(xml.find("<date>2000-12-17T17:03:53Z</date>"), std::string::npos);
 
+    // Large documents use three-byte offsets and references.
+    PlistValue large = PlistArray(70000, PlistValue(std::int64_t{1} << 40));
+    std::vector<std::uint8_t> largeBinary = toBinary(large);
+    EXPECT_EQ(largeBinary[largeBinary.size() - 32 + 6], 3);
+    EXPECT_EQ(parsePropertyList(largeBinary), large);
+
     // Scalars stand at the top level too.
     for (const PlistValue& scalar : {PlistValue("x"), PlistValue(std::int64_t{-7}),
                                      PlistValue(true), PlistValue(PlistDate{12.5})}) {
