@@ -101,6 +101,8 @@ LibplistNode checked(plist_t node) {
     return LibplistNode(node);
 }
 
+LibplistNode makeDictionaryNode(const PlistDictionary& entries, std::size_t depth);
+
 LibplistNode makeNode(const PlistValue& value, std::size_t depth) {
     switch (value.kind()) {
         case PlistValue::Kind::string: {
@@ -129,18 +131,20 @@ LibplistNode makeNode(const PlistValue& value, std::size_t depth) {
             }
             return array;
         }
-        case PlistValue::Kind::dictionary: {
-            if (depth >= maximumPropertyListDepth) throwTooDeep();
-            LibplistNode dictionary = checked(plist_new_dict());
-            for (const auto& [key, element] : *value.getIf<PlistDictionary>()) {
-                checkNoNul(key, "a dictionary key");
-                plist_dict_set_item(dictionary.get(), key.c_str(),
-                                    makeNode(element, depth + 1).release());
-            }
-            return dictionary;
-        }
+        case PlistValue::Kind::dictionary:
+            return makeDictionaryNode(*value.getIf<PlistDictionary>(), depth);
     }
     throw Error("unknown value kind");
+}
+
+LibplistNode makeDictionaryNode(const PlistDictionary& entries, std::size_t depth) {
+    if (depth >= maximumPropertyListDepth) throwTooDeep();
+    LibplistNode dictionary = checked(plist_new_dict());
+    for (const auto& [key, element] : entries) {
+        checkNoNul(key, "a dictionary key");
+        plist_dict_set_item(dictionary.get(), key.c_str(), makeNode(element, depth + 1).release());
+    }
+    return dictionary;
 }
 
 // MARK: - libplist -> PlistValue
@@ -478,8 +482,9 @@ PlistValue fromLibplist(plist_t node) {
     return convertNode(node, 0);
 }
 
-std::string toXML(const PlistValue& value) {
-    LibplistNode root = makeNode(value, 0);
+namespace {
+
+std::string xmlOf(const LibplistNode& root) {
     char* xml = nullptr;
     std::uint32_t length = 0;
     plist_to_xml(root.get(), &xml, &length);
@@ -488,8 +493,7 @@ std::string toXML(const PlistValue& value) {
     return std::string(xml, length);
 }
 
-std::vector<std::uint8_t> toBinary(const PlistValue& value) {
-    LibplistNode root = makeNode(value, 0);
+std::vector<std::uint8_t> binaryOf(const LibplistNode& root) {
     char* binary = nullptr;
     std::uint32_t length = 0;
     plist_to_bin(root.get(), &binary, &length);
@@ -497,6 +501,39 @@ std::vector<std::uint8_t> toBinary(const PlistValue& value) {
     if (binary == nullptr) throw Error("could not write a binary property list");
     const auto* begin = reinterpret_cast<const std::uint8_t*>(binary);
     return std::vector<std::uint8_t>(begin, begin + length);
+}
+
+}  // namespace
+
+std::string toXML(const PlistValue& value) {
+    return xmlOf(makeNode(value, 0));
+}
+
+std::vector<std::uint8_t> toBinary(const PlistValue& value) {
+    return binaryOf(makeNode(value, 0));
+}
+
+std::string toXML(const PropertyList& list) {
+    return xmlOf(makeDictionaryNode(list.serializableDictionary(), 0));
+}
+
+std::vector<std::uint8_t> toBinary(const PropertyList& list) {
+    return binaryOf(makeDictionaryNode(list.serializableDictionary(), 0));
+}
+
+PropertyList parsePropertyListDictionary(std::span<const std::uint8_t> bytes) {
+    PlistValue value = parseBytes(bytes);
+    auto* dictionary = value.getIf<PlistDictionary>();
+    if (dictionary == nullptr) {
+        throw Error("the top-level value is " + std::string(plistKindName(value.kind())) +
+                    ", not a Dictionary");
+    }
+    return PropertyList(std::move(*dictionary));
+}
+
+PropertyList parsePropertyListDictionary(std::string_view text) {
+    return parsePropertyListDictionary(
+        std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
 }
 
 PlistValue parsePropertyList(std::span<const std::uint8_t> bytes) {
