@@ -263,6 +263,37 @@ void checkBinaryStructure(std::span<const std::uint8_t> bytes) {
     }
     if (topObject >= objectCount) throw damaged("top object out of range");
 
+    // A dictionary's keys must be strings without NUL characters: libplist takes any object
+    // there, and aborts when such a key is read back.
+    auto checkKey = [&](std::uint64_t index) {
+        std::uint64_t offset = readBigEndian(data + tableOffset + index * offsetSize, offsetSize);
+        if (offset < headerSize || offset >= tableOffset)
+            throw damaged("object offset out of range");
+        const std::uint8_t* cursor = data + offset;
+        const std::uint8_t* limit = data + tableOffset;
+        std::uint8_t type = *cursor & 0xF0;
+        if (type != 0x50 && type != 0x60) throw damaged("a dictionary key is not a string");
+        std::uint64_t length = *cursor++ & 0x0F;
+        if (length == 0x0F) {
+            if (cursor >= limit || (*cursor & 0xF0) != 0x10) throw damaged("bad string length");
+            std::size_t sizeBytes = std::size_t{1} << (*cursor & 0x0F);
+            ++cursor;
+            if (sizeBytes > 8 || static_cast<std::size_t>(limit - cursor) < sizeBytes) {
+                throw damaged("bad string length");
+            }
+            length = readBigEndian(cursor, sizeBytes);
+            cursor += sizeBytes;
+        }
+        std::size_t unit = type == 0x60 ? 2 : 1;
+        if (length > static_cast<std::uint64_t>(limit - cursor) / unit) {
+            throw damaged("a string runs past the object data");
+        }
+        for (std::uint64_t i = 0; i < length; ++i) {
+            bool nul = unit == 1 ? cursor[i] == 0 : (cursor[2 * i] == 0 && cursor[2 * i + 1] == 0);
+            if (nul) throw damaged("a dictionary key contains a NUL character");
+        }
+    };
+
     // Appends the object references of a container to `references`; false for a leaf.
     auto references = [&](std::uint64_t index, std::vector<std::uint64_t>& out) -> bool {
         std::uint64_t offset = readBigEndian(data + tableOffset + index * offsetSize, offsetSize);
@@ -294,6 +325,7 @@ void checkBinaryStructure(std::span<const std::uint8_t> bytes) {
         for (std::uint64_t i = 0; i < needed; ++i) {
             std::uint64_t child = readBigEndian(cursor + i * referenceSize, referenceSize);
             if (child >= objectCount) throw damaged("object reference out of range");
+            if (isDictionary && i < count) checkKey(child);
             out.push_back(child);
         }
         return true;

@@ -204,6 +204,15 @@ TEST(PlistSerialization, DeepNestingCyclesAndReferenceBombsAreRefused) {
     bomb.push_back({0x09});
     EXPECT_EQ(binaryError(bomb),
               "damaged binary property list: shared references expand into too many objects");
+    // Dictionary keys must be strings (libplist would abort on reading the others back).
+    EXPECT_EQ(binaryError({{0xD1, 0, 0, 0, 1, 0, 0, 0, 2}, {0x10, 7}, {0x09}}),
+              "damaged binary property list: a dictionary key is not a string");
+    EXPECT_EQ(binaryError({{0xD1, 0, 0, 0, 1, 0, 0, 0, 2}, {0x52, 'k', 0}, {0x09}}),
+              "damaged binary property list: a dictionary key contains a NUL character");
+    EXPECT_EQ(binaryError({{0xD1, 0, 0, 0, 1, 0, 0, 0, 2}, {0x61, 0, 0}, {0x09}}),
+              "damaged binary property list: a dictionary key contains a NUL character");
+    EXPECT_EQ(binaryError({{0xD1, 0, 0, 0, 1, 0, 0, 0, 2}, {0x51, 'k'}, {0x09}}), "(parsed)");
+    EXPECT_EQ(binaryError({{0xD1, 0, 0, 0, 1, 0, 0, 0, 2}, {0x61, 0, 'k'}, {0x09}}), "(parsed)");
     // Sharing a leaf is ordinary and fine.
     EXPECT_EQ(binaryError({arrayOf({1, 1, 1}), {0x09}}), "(parsed)");
 
