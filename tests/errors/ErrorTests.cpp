@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <map>
 #include <stdexcept>
+#include <string>
 
 #include "mirels/core/Result.h"
 #include "mirels/core/Unreachable.h"
@@ -42,6 +44,11 @@ TEST(Error, TypedErrorsAnswerWithoutThrowing) {
 
     Error copy = error;
     EXPECT_EQ(copy, error);
+    // Containers build errors in place from tuples of references; that must compile.
+    std::map<std::string, Error> byName;
+    byName.insert_or_assign("copy", std::move(copy));
+    byName.try_emplace("error", error);
+    EXPECT_EQ(byName.at("copy"), error);
     EXPECT_NE(copy, Error(std::out_of_range("index 3")));
 }
 
