@@ -2,6 +2,9 @@
 
 #include <cxxabi.h>
 
+#include <sstream>
+#include <string_view>
+
 #include "mirels/core/FatalError.h"
 #include "mirels/core/TypeName.h"
 #include "mirels/errors/HumanReadableError.h"
@@ -27,6 +30,37 @@ struct Error::Foreign final : Box {
             type = thrown != nullptr ? thrown : &typeid(void);
         }
     }
+    std::string describe() const override {
+        if (exception != nullptr) return exception->what();
+        // Thrown strings and numbers read as their values; anything else by its type.
+        try {
+            std::rethrow_exception(pointer);
+        } catch (const char* text) {
+            return text != nullptr ? std::string(text) : std::string("(null)");
+        } catch (const std::string& text) {
+            return text;
+        } catch (const std::string_view& text) {
+            return std::string(text);
+        } catch (int number) {
+            return std::to_string(number);
+        } catch (long number) {
+            return std::to_string(number);
+        } catch (long long number) {
+            return std::to_string(number);
+        } catch (unsigned number) {
+            return std::to_string(number);
+        } catch (unsigned long number) {
+            return std::to_string(number);
+        } catch (unsigned long long number) {
+            return std::to_string(number);
+        } catch (double number) {
+            std::ostringstream stream;
+            stream << number;
+            return std::move(stream).str();
+        } catch (...) {
+        }
+        return unqualifiedTypeName(*type);
+    }
     [[noreturn]] void rethrow() const override { std::rethrow_exception(pointer); }
     [[noreturn]] void throwPointer() const override { rethrow(); }
     std::exception_ptr exceptionPointer() const override { return pointer; }
@@ -38,8 +72,15 @@ Error::Error(std::exception_ptr exception) {
 }
 
 std::string Error::description() const {
-    if (const std::exception* e = exception()) return e->what();
-    return typeName();
+    return box_->describe();
+}
+
+const HumanReadableError* Error::humanReadableOf(const std::exception* exception) noexcept {
+    return dynamic_cast<const HumanReadableError*>(exception);
+}
+
+std::string Error::typeNameOf(const std::type_info& type) {
+    return unqualifiedTypeName(type);
 }
 
 std::string Error::typeName() const {

@@ -3,6 +3,7 @@
 #include <typeinfo>
 
 #include "mirels/core/TypeName.h"
+#include "mirels/errors/HumanReadableConversion.h"
 
 namespace mirels {
 
@@ -73,6 +74,22 @@ std::string HumanReadableError::composeDiagnostics(std::string_view typeName,
 std::string HumanReadableError::fullDiagnosticsOutput() const {
     return composeDiagnostics(unqualifiedTypeName(typeid(*this)), effectiveTitle(),
                               additionalInfo(), additionalDiagnostics());
+}
+
+const HumanReadableError& HumanReadableError::unwrapped() const noexcept {
+    if (const auto* wrapper = dynamic_cast<const UnderlyingErrorWrapper*>(this)) {
+        return *wrapper->main();
+    }
+    return *this;
+}
+
+PlatformError HumanReadableError::serializableNSError() const {
+    PlatformError::UserInfo userInfo;
+    userInfo.emplace(std::string(PlatformError::localizedDescriptionKey),
+                     PlistValue(effectiveTitle().value_or("Unexpected mirel error")));
+    userInfo.emplace(std::string(PlatformError::humanReadableErrorKey),
+                     PlistValue(plistRepresentation().takeSerializableDictionary()));
+    return PlatformError::qk_errorWithUserInfo(std::move(userInfo));
 }
 
 PropertyList HumanReadableError::plistRepresentation() const {

@@ -101,6 +101,8 @@ LibplistNode checked(plist_t node) {
     return LibplistNode(node);
 }
 
+LibplistNode makeDictionaryNode(const PlistDictionary& entries, std::size_t depth);
+
 LibplistNode makeNode(const PlistValue& value, std::size_t depth) {
     switch (value.kind()) {
         case PlistValue::Kind::string: {
@@ -129,18 +131,20 @@ LibplistNode makeNode(const PlistValue& value, std::size_t depth) {
             }
             return array;
         }
-        case PlistValue::Kind::dictionary: {
-            if (depth >= maximumPropertyListDepth) throwTooDeep();
-            LibplistNode dictionary = checked(plist_new_dict());
-            for (const auto& [key, element] : *value.getIf<PlistDictionary>()) {
-                checkNoNul(key, "a dictionary key");
-                plist_dict_set_item(dictionary.get(), key.c_str(),
-                                    makeNode(element, depth + 1).release());
-            }
-            return dictionary;
-        }
+        case PlistValue::Kind::dictionary:
+            return makeDictionaryNode(*value.getIf<PlistDictionary>(), depth);
     }
     throw Error("unknown value kind");
+}
+
+LibplistNode makeDictionaryNode(const PlistDictionary& entries, std::size_t depth) {
+    if (depth >= maximumPropertyListDepth) throwTooDeep();
+    LibplistNode dictionary = checked(plist_new_dict());
+    for (const auto& [key, element] : entries) {
+        checkNoNul(key, "a dictionary key");
+        plist_dict_set_item(dictionary.get(), key.c_str(), makeNode(element, depth + 1).release());
+    }
+    return dictionary;
 }
 
 // MARK: - libplist -> PlistValue
@@ -244,9 +248,9 @@ void checkBinaryStructure(std::span<const std::uint8_t> bytes) {
     const std::uint64_t objectCount = readBigEndian(trailer + 8, 8);
     const std::uint64_t topObject = readBigEndian(trailer + 16, 8);
     const std::uint64_t tableOffset = readBigEndian(trailer + 24, 8);
-    auto isIntegerSize = [](std::size_t size) {
-        return size == 1 || size == 2 || size == 4 || size == 8;
-    };
+    // Any width from one to eight bytes: libplist itself writes three-byte offsets and
+    // references once a file outgrows 64 KiB.
+    auto isIntegerSize = [](std::size_t size) { return size >= 1 && size <= 8; };
     if (!isIntegerSize(offsetSize) || !isIntegerSize(referenceSize)) {
         throw damaged("unsupported offset or reference size");
     }
@@ -258,6 +262,37 @@ void checkBinaryStructure(std::span<const std::uint8_t> bytes) {
         throw damaged("object count does not match the offset table");
     }
     if (topObject >= objectCount) throw damaged("top object out of range");
+
+    // A dictionary's keys must be strings without NUL characters: libplist takes any object
+    // there, and aborts when such a key is read back.
+    auto checkKey = [&](std::uint64_t index) {
+        std::uint64_t offset = readBigEndian(data + tableOffset + index * offsetSize, offsetSize);
+        if (offset < headerSize || offset >= tableOffset)
+            throw damaged("object offset out of range");
+        const std::uint8_t* cursor = data + offset;
+        const std::uint8_t* limit = data + tableOffset;
+        std::uint8_t type = *cursor & 0xF0;
+        if (type != 0x50 && type != 0x60) throw damaged("a dictionary key is not a string");
+        std::uint64_t length = *cursor++ & 0x0F;
+        if (length == 0x0F) {
+            if (cursor >= limit || (*cursor & 0xF0) != 0x10) throw damaged("bad string length");
+            std::size_t sizeBytes = std::size_t{1} << (*cursor & 0x0F);
+            ++cursor;
+            if (sizeBytes > 8 || static_cast<std::size_t>(limit - cursor) < sizeBytes) {
+                throw damaged("bad string length");
+            }
+            length = readBigEndian(cursor, sizeBytes);
+            cursor += sizeBytes;
+        }
+        std::size_t unit = type == 0x60 ? 2 : 1;
+        if (length > static_cast<std::uint64_t>(limit - cursor) / unit) {
+            throw damaged("a string runs past the object data");
+        }
+        for (std::uint64_t i = 0; i < length; ++i) {
+            bool nul = unit == 1 ? cursor[i] == 0 : (cursor[2 * i] == 0 && cursor[2 * i + 1] == 0);
+            if (nul) throw damaged("a dictionary key contains a NUL character");
+        }
+    };
 
     // Appends the object references of a container to `references`; false for a leaf.
     auto references = [&](std::uint64_t index, std::vector<std::uint64_t>& out) -> bool {
@@ -290,6 +325,7 @@ void checkBinaryStructure(std::span<const std::uint8_t> bytes) {
         for (std::uint64_t i = 0; i < needed; ++i) {
             std::uint64_t child = readBigEndian(cursor + i * referenceSize, referenceSize);
             if (child >= objectCount) throw damaged("object reference out of range");
+            if (isDictionary && i < count) checkKey(child);
             out.push_back(child);
         }
         return true;
@@ -478,8 +514,9 @@ PlistValue fromLibplist(plist_t node) {
     return convertNode(node, 0);
 }
 
-std::string toXML(const PlistValue& value) {
-    LibplistNode root = makeNode(value, 0);
+namespace {
+
+std::string xmlOf(const LibplistNode& root) {
     char* xml = nullptr;
     std::uint32_t length = 0;
     plist_to_xml(root.get(), &xml, &length);
@@ -488,8 +525,7 @@ std::string toXML(const PlistValue& value) {
     return std::string(xml, length);
 }
 
-std::vector<std::uint8_t> toBinary(const PlistValue& value) {
-    LibplistNode root = makeNode(value, 0);
+std::vector<std::uint8_t> binaryOf(const LibplistNode& root) {
     char* binary = nullptr;
     std::uint32_t length = 0;
     plist_to_bin(root.get(), &binary, &length);
@@ -497,6 +533,39 @@ std::vector<std::uint8_t> toBinary(const PlistValue& value) {
     if (binary == nullptr) throw Error("could not write a binary property list");
     const auto* begin = reinterpret_cast<const std::uint8_t*>(binary);
     return std::vector<std::uint8_t>(begin, begin + length);
+}
+
+}  // namespace
+
+std::string toXML(const PlistValue& value) {
+    return xmlOf(makeNode(value, 0));
+}
+
+std::vector<std::uint8_t> toBinary(const PlistValue& value) {
+    return binaryOf(makeNode(value, 0));
+}
+
+std::string toXML(const PropertyList& list) {
+    return xmlOf(makeDictionaryNode(list.serializableDictionary(), 0));
+}
+
+std::vector<std::uint8_t> toBinary(const PropertyList& list) {
+    return binaryOf(makeDictionaryNode(list.serializableDictionary(), 0));
+}
+
+PropertyList parsePropertyListDictionary(std::span<const std::uint8_t> bytes) {
+    PlistValue value = parseBytes(bytes);
+    auto* dictionary = value.getIf<PlistDictionary>();
+    if (dictionary == nullptr) {
+        throw Error("the top-level value is " + std::string(plistKindName(value.kind())) +
+                    ", not a Dictionary");
+    }
+    return PropertyList(std::move(*dictionary));
+}
+
+PropertyList parsePropertyListDictionary(std::string_view text) {
+    return parsePropertyListDictionary(
+        std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
 }
 
 PlistValue parsePropertyList(std::span<const std::uint8_t> bytes) {

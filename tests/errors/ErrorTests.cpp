@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <map>
 #include <stdexcept>
+#include <string>
 
 #include "mirels/core/Result.h"
 #include "mirels/core/Unreachable.h"
@@ -30,6 +32,8 @@ TEST(Error, TypedErrorsAnswerWithoutThrowing) {
     EXPECT_EQ(error.humanReadableError(), nullptr);
     EXPECT_THROW(error.rethrow(), std::out_of_range);
 
+    EXPECT_EQ(Error(std::string("streamed")).description(), "streamed");
+
     Error plain(Plain{4});
     EXPECT_EQ(plain.as<Plain>()->code, 4);
     EXPECT_EQ(plain.exception(), nullptr);
@@ -40,6 +44,11 @@ TEST(Error, TypedErrorsAnswerWithoutThrowing) {
 
     Error copy = error;
     EXPECT_EQ(copy, error);
+    // Containers build errors in place from tuples of references; that must compile.
+    std::map<std::string, Error> byName;
+    byName.insert_or_assign("copy", std::move(copy));
+    byName.try_emplace("error", error);
+    EXPECT_EQ(byName.at("copy"), error);
     EXPECT_NE(copy, Error(std::out_of_range("index 3")));
 }
 
@@ -57,6 +66,9 @@ TEST(Error, ForeignErrorsKeepTheThrownObject) {
     Error number = capture(42);
     EXPECT_EQ(*number.as<int>(), 42);
     EXPECT_EQ(number.typeName(), "int");
+    EXPECT_EQ(number.description(), "42");
+    EXPECT_EQ(capture("text").description(), "text");
+    EXPECT_EQ(capture(Plain{1}).description(), "Plain");
     EXPECT_EQ(number.as<long>(), nullptr);
     Error derived = capture(Derived{});
     EXPECT_EQ(derived.as<Base>(), static_cast<const Base*>(derived.as<Derived>()));
@@ -71,6 +83,11 @@ TEST(Error, ForeignErrorsKeepTheThrownObject) {
     Error human(Unreachable("never"));
     ASSERT_NE(human.humanReadableError(), nullptr);
     EXPECT_EQ(human.humanReadableError()->additionalInfo(), "never");
+    // A shared handle on the held error keeps the storage alive.
+    std::shared_ptr<const HumanReadableError> shared = Error(human).sharedHumanReadableError();
+    human = Error(Plain{0});
+    EXPECT_EQ(shared->additionalInfo(), "never");
+    EXPECT_EQ(runtime.sharedHumanReadableError(), nullptr);
 }
 
 TEST(Result, HoldsAValueOrTheErrorThatPreventedIt) {

@@ -45,6 +45,12 @@ TEST(PlistSerialization, XMLAndBinaryRoundTripEveryKind) {
     EXPECT_NE(xml.find("<integer>-5</integer>"), std::string::npos);
     EXPECT_NE(xml.find("<date>2000-12-17T17:03:53Z</date>"), std::string::npos);
 
+    // Large documents use three-byte offsets and references.
+    PlistValue large = PlistArray(70000, PlistValue(std::int64_t{1} << 40));
+    std::vector<std::uint8_t> largeBinary = toBinary(large);
+    EXPECT_EQ(largeBinary[largeBinary.size() - 32 + 6], 3);
+    EXPECT_EQ(parsePropertyList(largeBinary), large);
+
     // Scalars stand at the top level too.
     for (const PlistValue& scalar : {PlistValue("x"), PlistValue(std::int64_t{-7}),
                                      PlistValue(true), PlistValue(PlistDate{12.5})}) {
@@ -198,6 +204,15 @@ TEST(PlistSerialization, DeepNestingCyclesAndReferenceBombsAreRefused) {
     bomb.push_back({0x09});
     EXPECT_EQ(binaryError(bomb),
               "damaged binary property list: shared references expand into too many objects");
+    // Dictionary keys must be strings (libplist would abort on reading the others back).
+    EXPECT_EQ(binaryError({{0xD1, 0, 0, 0, 1, 0, 0, 0, 2}, {0x10, 7}, {0x09}}),
+              "damaged binary property list: a dictionary key is not a string");
+    EXPECT_EQ(binaryError({{0xD1, 0, 0, 0, 1, 0, 0, 0, 2}, {0x52, 'k', 0}, {0x09}}),
+              "damaged binary property list: a dictionary key contains a NUL character");
+    EXPECT_EQ(binaryError({{0xD1, 0, 0, 0, 1, 0, 0, 0, 2}, {0x61, 0, 0}, {0x09}}),
+              "damaged binary property list: a dictionary key contains a NUL character");
+    EXPECT_EQ(binaryError({{0xD1, 0, 0, 0, 1, 0, 0, 0, 2}, {0x51, 'k'}, {0x09}}), "(parsed)");
+    EXPECT_EQ(binaryError({{0xD1, 0, 0, 0, 1, 0, 0, 0, 2}, {0x61, 0, 'k'}, {0x09}}), "(parsed)");
     // Sharing a leaf is ordinary and fine.
     EXPECT_EQ(binaryError({arrayOf({1, 1, 1}), {0x09}}), "(parsed)");
 

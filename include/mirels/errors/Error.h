@@ -1,7 +1,11 @@
 #pragma once
 
+#include <concepts>
 #include <exception>
 #include <memory>
+#include <optional>
+#include <ostream>
+#include <sstream>
 #include <string>
 #include <type_traits>
 #include <typeinfo>
@@ -10,6 +14,15 @@
 namespace mirels {
 
 class HumanReadableError;
+
+namespace detail {
+template <class T>
+struct IsSharedHumanReadableError : std::false_type {};
+template <class T>
+struct IsSharedHumanReadableError<std::shared_ptr<T>>
+    : std::bool_constant<std::is_same_v<std::remove_cv_t<T>, HumanReadableError> ||
+                         std::is_base_of_v<HumanReadableError, std::remove_cv_t<T>>> {};
+}  // namespace detail
 
 /// A failure as a value: one copyable, type-erased handle on any thrown object. Futures and
 /// results carry their failures as `Error`s; copies share the object (and compare equal).
@@ -21,12 +34,21 @@ class HumanReadableError;
 class Error {
   public:
     /// Holds a copy (or the moved value) of `error`, which may be of any type.
+    ///
+    /// A shared pointer to a `HumanReadableError` is refused: it would be held as a pointer,
+    /// not as the error. Hold the error itself.
     template <class E>
         requires(!std::is_same_v<std::remove_cvref_t<E>, Error> &&
                  !std::is_same_v<std::remove_cvref_t<E>, std::exception_ptr> &&
-                 std::is_copy_constructible_v<std::remove_cvref_t<E>>)
+                 !std::is_same_v<std::remove_cvref_t<E>, std::nullopt_t> &&
+                 !detail::IsSharedHumanReadableError<std::remove_cvref_t<E>>::value)
     Error(E&& error)  // NOLINT(google-explicit-constructor): any thrown object is an error value
-        : box_(std::make_shared<Typed<std::remove_cvref_t<E>>>(std::forward<E>(error))) {}
+        : box_(std::make_shared<Typed<std::remove_cvref_t<E>>>(std::forward<E>(error))) {
+        // Checked here rather than in the constraint: asking whether a standard library wrapper
+        // holding an `Error&&` is copyable would otherwise ask this constructor again.
+        static_assert(std::is_copy_constructible_v<std::remove_cvref_t<E>>,
+                      "an error value must be copyable");
+    }
 
     /// Holds the object behind `exception`, which must not be null.
     explicit Error(std::exception_ptr exception);
@@ -52,6 +74,13 @@ class Error {
     /// The held object as a `HumanReadableError`, or null when it is not one.
     const HumanReadableError* humanReadableError() const noexcept { return box_->humanReadable; }
 
+    /// The held object as a shared `HumanReadableError` that keeps this error's storage alive, or
+    /// null when it is not one. Shares the existing storage: it never allocates.
+    std::shared_ptr<const HumanReadableError> sharedHumanReadableError() const noexcept {
+        if (box_->humanReadable == nullptr) return nullptr;
+        return std::shared_ptr<const HumanReadableError>(box_, box_->humanReadable);
+    }
+
     /// The held object as a `T` (or a class derived from it), or null.
     template <class T>
     const T* as() const noexcept {
@@ -75,7 +104,9 @@ class Error {
         }
     }
 
-    /// `what()` of a `std::exception`, else the unqualified name of the held object's type.
+    /// The held object's default textual rendering: `what()` of a `std::exception`; else its
+    /// `description()` member or `operator<<` output; else, for a thrown string or number, its
+    /// value; else the unqualified name of its type.
     std::string description() const;
 
     /// The unqualified name of the held object's type.
@@ -93,6 +124,7 @@ class Error {
         bool foreign = false;
 
         virtual ~Box() = default;
+        virtual std::string describe() const = 0;
         [[noreturn]] virtual void rethrow() const = 0;
         [[noreturn]] virtual void throwPointer() const = 0;
         virtual std::exception_ptr exceptionPointer() const = 0;
@@ -106,9 +138,24 @@ class Error {
         explicit Typed(Arg&& arg) : value(std::forward<Arg>(arg)) {
             object = &value;
             type = &typeid(value);
-            if constexpr (std::is_base_of_v<std::exception, E>) exception = &value;
-            if constexpr (std::is_polymorphic_v<E>) {
-                humanReadable = dynamic_cast<const HumanReadableError*>(&value);
+            if constexpr (std::is_base_of_v<std::exception, E>) {
+                exception = &value;
+                humanReadable = humanReadableOf(exception);
+            }
+        }
+        std::string describe() const override {
+            if constexpr (std::is_base_of_v<std::exception, E>) {
+                return value.what();
+            } else if constexpr (requires {
+                                     { value.description() } -> std::convertible_to<std::string>;
+                                 }) {
+                return value.description();
+            } else if constexpr (requires(std::ostream& stream) { stream << value; }) {
+                std::ostringstream stream;
+                stream << value;
+                return std::move(stream).str();
+            } else {
+                return typeNameOf(*type);
             }
         }
         [[noreturn]] void rethrow() const override { throw value; }
@@ -119,6 +166,10 @@ class Error {
     };
 
     struct Foreign;
+
+    // Out of line so that this header does not need `HumanReadableError` to be complete.
+    static const HumanReadableError* humanReadableOf(const std::exception* exception) noexcept;
+    static std::string typeNameOf(const std::type_info& type);
 
     std::shared_ptr<const Box> box_;
 };

@@ -8,6 +8,7 @@
 
 #include "mirels/errors/DiagnosticsCollector.h"
 #include "mirels/errors/HumanReadableErrorOptions.h"
+#include "mirels/errors/PlatformError.h"
 #include "mirels/plist/PropertyList.h"
 
 namespace mirels {
@@ -48,6 +49,15 @@ class HumanReadableError : public std::exception {
     std::optional<std::string> effectiveTitle() const;
     /// `options`, else the empty set.
     HumanReadableErrorOptions effectiveOptions() const;
+
+    /// The main error when this is an `UnderlyingErrorWrapper`, else this error itself.
+    const HumanReadableError& unwrapped() const noexcept;
+
+    /// This error packed for another process: a platform error in the library's domain with code
+    /// -1 and exactly two user-info entries, the localized description (the effective title, or
+    /// "Unexpected mirel error") and "QKHumanReadableError" (`plistRepresentation`).
+    /// `humanReadable` rebuilds it in the receiving process.
+    PlatformError serializableNSError() const;
 
     /// The description, computed on first use and kept.
     const char* what() const noexcept override;

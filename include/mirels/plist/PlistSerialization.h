@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "mirels/plist/PlistValue.h"
+#include "mirels/plist/PropertyList.h"
 
 namespace mirels {
 
@@ -40,5 +41,14 @@ std::vector<std::uint8_t> toBinary(const PlistValue& value);
 /// levels throws `PropertyListSerializationError`.
 PlistValue parsePropertyList(std::span<const std::uint8_t> bytes);
 PlistValue parsePropertyList(std::string_view text);
+
+/// A property list's dictionary as an XML or a binary property list; throws like `toXML`.
+std::string toXML(const PropertyList& list);
+std::vector<std::uint8_t> toBinary(const PropertyList& list);
+
+/// Reads an XML or binary property list whose top-level value is a dictionary; throws
+/// `PropertyListSerializationError` like `parsePropertyList`, and for any other top-level value.
+PropertyList parsePropertyListDictionary(std::span<const std::uint8_t> bytes);
+PropertyList parsePropertyListDictionary(std::string_view text);
 
 }  // namespace mirels

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <array>
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "mirels/plist/PropertyList.h"
+#include "mirels/plist/PropertyListError.h"
+
+namespace mirels {
+
+/// A 128-bit universally unique identifier. A regular value: copyable, ordered, hashable.
+class UUID {
+  public:
+    using Bytes = std::array<std::uint8_t, 16>;
+
+    /// The nil UUID, all zero bits.
+    constexpr UUID() noexcept = default;
+    constexpr explicit UUID(const Bytes& bytes) noexcept : bytes_(bytes) {}
+
+    /// A new random (version 4) UUID.
+    static UUID random();
+
+    /// Parses the canonical text form, 32 hexadecimal digits grouped 8-4-4-4-12 by hyphens, in
+    /// either case; anything else gives nothing.
+    static std::optional<UUID> fromString(std::string_view text) noexcept;
+
+    constexpr const Bytes& bytes() const noexcept { return bytes_; }
+
+    /// The canonical text form in lower case, e.g. "123e4567-e89b-42d3-a456-426614174000".
+    std::string uuidString() const;
+    std::string description() const { return uuidString(); }
+
+    friend constexpr auto operator<=>(const UUID&, const UUID&) noexcept = default;
+
+  private:
+    Bytes bytes_{};
+};
+
+/// A UUID is stored as its canonical text; a text that is no UUID fails with `InvalidUUID`.
+template <>
+struct PropertyListTraits<UUID> {
+    using PropertyListType = std::string;
+    static std::string propertyListValue(const UUID& value) { return value.uuidString(); }
+    static UUID fromPropertyListValue(const std::string& text) {
+        if (std::optional<UUID> uuid = UUID::fromString(text)) return *uuid;
+        throw InvalidUUID(text);
+    }
+};
+
+}  // namespace mirels
+
+template <>
+struct std::hash<mirels::UUID> {
+    std::size_t operator()(const mirels::UUID& uuid) const noexcept {
+        std::uint64_t high = 0;
+        std::uint64_t low = 0;
+        for (std::size_t i = 0; i < 8; ++i) {
+            high = (high << 8) | uuid.bytes()[i];
+            low = (low << 8) | uuid.bytes()[i + 8];
+        }
+        return std::hash<std::uint64_t>()(high ^ (low * 0x9E3779B97F4A7C15ULL));
+    }
+};
