@@ -156,10 +156,15 @@ class OrderedDictionary {
 
     /// Removes the entry for `key`; returns its value, or absent when the key was missing.
     std::optional<Value> removeValue(const Key& key) {
+        if (storage_.isUniquelyReferenced()) {  // the common case: one probe
+            auto removed = mutableTable().take(key);
+            if (!removed) return std::nullopt;
+            return std::move(removed->second);
+        }
         const Table* t = table();
         if (t == nullptr) return std::nullopt;
         std::size_t position = t->find(key);
-        if (position == Table::notFound) return std::nullopt;
+        if (position == Table::notFound) return std::nullopt;  // nothing to unshare for
         return std::move(mutableTable().takeAt(position).second);
     }
 

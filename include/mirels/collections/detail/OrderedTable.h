@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -96,6 +97,26 @@ class OrderedTable {
         std::uint32_t hash = hashOf(keyOf(entries[position]));
         std::size_t i = hash >> shift_;
         while (slots_[i].position != position) i = (i + 1) & mask();
+        return takeSlot(i);
+    }
+
+    /// Removes and returns the entry for `key`, or nothing when absent; one probe.
+    std::optional<Entry> take(const Key& key) {
+        if (slots_.empty()) return std::nullopt;
+        std::uint32_t hash = hashOf(key);
+        std::size_t i = hash >> shift_;
+        for (;;) {
+            const Slot& slot = slots_[i];
+            if (slot.position == emptySlot) return std::nullopt;
+            if (slot.hash == hash && KeyEqual{}(keyOf(entries[slot.position]), key)) break;
+            i = (i + 1) & mask();
+        }
+        return takeSlot(i);
+    }
+
+  private:
+    Entry takeSlot(std::size_t i) {
+        std::size_t position = slots_[i].position;
         removeSlot(i);
         Entry removed(std::move(entries[position]));
         entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(position));
@@ -107,6 +128,7 @@ class OrderedTable {
         return removed;
     }
 
+  public:
     /// Keeps the entries for which `keep` is true, in order, and reindexes them.
     template <class Predicate>
     void retain(Predicate&& keep) {
