@@ -12,7 +12,7 @@ packages=(
   # runtime dependencies of the library
   libplist-dev libsystemd-dev
   # peers measured side by side in bench/
-  libabsl-dev libasio-dev libboost-thread1.81-dev
+  libabsl-dev libasio-dev libboost-thread1.81-dev libsigc++-3.0-dev libtsl-ordered-map-dev
 )
 
 missing=()

@@ -1,0 +1,186 @@
+#pragma once
+
+#include <concepts>
+#include <initializer_list>
+#include <memory>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "mirels/core/Callsite.h"
+#include "mirels/core/CancellationToken.h"
+#include "mirels/core/ThreadSafe.h"
+#include "mirels/core/UniqueFunction.h"
+#include "mirels/events/EventStreamOperators.h"
+#include "mirels/events/SharedFunction.h"
+#include "mirels/events/SubscriberCollection.h"
+
+namespace mirels {
+
+/// The library's push channel, as a value that describes how to subscribe.
+///
+/// Observing calls the stream's observe action with a handler and returns a `CancellationToken`
+/// that ends the subscription (it must be cancelled exactly once). Nothing else is stored, so the
+/// operators (`map`, `filter`, `merged`, `switchToLatest`, ...) make new streams without doing any
+/// work until somebody observes; each observation then makes one fresh upstream subscription with
+/// its own state.
+///
+/// Events are delivered on the sending thread; a consumer that needs a particular thread
+/// re-dispatches through an `ExecutionLane`. `EventStream<void>` carries events without a value:
+/// its handlers take no argument and its sink's `send()` takes none.
+///
+/// A stream is copyable (copies share the action) and safe to observe from any thread.
+template <class E>
+class EventStream : public EventStreamOperators<EventStream<E>, E> {
+  public:
+    using Event = E;
+    using Handler = EventHandler<E>;
+    using ObserveAction = UniqueFunction<std::shared_ptr<CancellationToken>(Handler, Callsite)>;
+
+    class Sink;
+
+    /// A stream whose observing runs `observeAction` with the handler and the call site.
+    explicit EventStream(ObserveAction observeAction)
+        : observeAction_(std::make_shared<ObserveAction>(std::move(observeAction))) {}
+
+    /// Subscribes `handler`; the token ends the subscription.
+    std::shared_ptr<CancellationToken> observe(Handler handler,
+                                               Callsite callsite = Callsite::current()) const {
+        return (*observeAction_)(std::move(handler), callsite);
+    }
+
+    /// The stream itself (every stream-like type offers its stream).
+    const EventStream& eventStream() const noexcept { return *this; }
+
+    /// A stream that never sends; its tokens do nothing when cancelled.
+    static EventStream empty() {
+        return EventStream([](Handler, Callsite callsite) {
+            return CancellationToken::create(nullptr, callsite);
+        });
+    }
+
+    /// The events of all `streams`. Observing subscribes to each in the order given; the token
+    /// cancels those subscriptions in the same order. With no streams it never sends.
+    static EventStream merge(std::vector<EventStream> streams) {
+        auto sources = std::make_shared<const std::vector<EventStream>>(std::move(streams));
+        return EventStream([sources](Handler handler, Callsite callsite) {
+            SharedEventHandler<E> shared(std::move(handler));
+            std::vector<std::shared_ptr<CancellationToken>> tokens;
+            tokens.reserve(sources->size());
+            for (const EventStream& source : *sources) {
+                tokens.push_back(source.observe(Handler(shared), callsite));
+            }
+            return CancellationToken::create(
+                [tokens = std::move(tokens)] {
+                    for (const auto& token : tokens) token->cancel();
+                },
+                callsite);
+        });
+    }
+
+    /// The variadic form of `merge`.
+    template <class... Streams>
+        requires(std::convertible_to<const Streams&, EventStream> && ...)
+    static EventStream merge(const Streams&... streams) {
+        return merge(std::vector<EventStream>{EventStream(streams)...});
+    }
+
+  private:
+    std::shared_ptr<ObserveAction> observeAction_;
+};
+
+/// The producer's side of a stream: a reference type that sends events to its subscribers.
+///
+/// Sending takes a snapshot of the subscribers under the sink's lock (one reference-count
+/// increment of the copy-on-write collection), releases the lock, and calls every handler of the
+/// snapshot in subscription order on the sending thread. So handlers never run under the lock
+/// and may send, subscribe or cancel freely; a subscriber added during a send does not get that
+/// event; one cancelled during a send still gets it if it was in the snapshot, and none sent by
+/// a send that starts after its cancel returned. Sends from several threads may interleave;
+/// each delivers to its own snapshot in order.
+///
+/// The sink lives while its producer or a stream made from it holds it. Subscription tokens
+/// hold only the sink's storage box (so that cancelling needs no weak-reference promotion), and
+/// the sink empties that box when it goes away: dropping the producer and the streams destroys
+/// the sink and releases every handler even while subscribed, and a late cancel does nothing.
+template <class E>
+class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
+                                   public EventStreamOperators<Sink, E> {
+    struct Key {
+        explicit Key() = default;
+    };
+
+  public:
+    using Event = E;
+    using Handler = EventHandler<E>;
+
+    static std::shared_ptr<Sink> create() { return std::make_shared<Sink>(Key{}); }
+
+    explicit Sink(Key) : storage_(std::make_shared<ThreadSafe<Subscribers>>()) {}
+    Sink(const Sink&) = delete;
+    Sink& operator=(const Sink&) = delete;
+
+    ~Sink() {
+        // Handlers are destroyed after the lock is released (their captures may use the box).
+        Subscribers remaining = storage_->syncUpdate(Subscribers(), Callsite::library("deinit"));
+    }
+
+    /// Delivers `event` to every current subscriber.
+    void send(const detail::EventParameter<E>& event)
+        requires(!std::is_void_v<E>)
+    {
+        Subscribers snapshot = storage_->peek(Callsite::library("send(_:)"));
+        for (const auto& entry : snapshot.subscribers()) entry.second(event);
+    }
+
+    /// Delivers an event that carries nothing to every current subscriber.
+    void send()
+        requires std::is_void_v<E>
+    {
+        Subscribers snapshot = storage_->peek(Callsite::library("send()"));
+        for (const auto& entry : snapshot.subscribers()) entry.second();
+    }
+
+    /// Whether at least one subscriber is registered.
+    bool isObserved() const {
+        return storage_->syncRead(
+            [](const Subscribers& subscribers) { return !subscribers.isEmpty(); });
+    }
+
+    /// Subscribes `handler` to this sink directly (what observing its stream does).
+    ///
+    /// This is `SubscriberCollection::add` with the storage box's `syncWrite` as the edit,
+    /// written out so that the token holds the box itself rather than a callback around it.
+    std::shared_ptr<CancellationToken> observe(Handler handler,
+                                               Callsite callsite = Callsite::current()) {
+        SharedHandler shared(std::move(handler));  // allocated before the lock is taken
+        Identifier identifier;
+        storage_->syncWrite(
+            [&](Subscribers& subscribers) { subscribers.insert(identifier, std::move(shared)); },
+            Callsite::library("observe(_:)"));
+        return CancellationToken::create(
+            [storage = storage_, identifier] {
+                // The removed handler is destroyed after the lock is released.
+                std::optional<SharedHandler> removed = storage->syncWrite(
+                    [&](Subscribers& subscribers) { return subscribers.remove(identifier); },
+                    Callsite::library("cancel()"));
+            },
+            callsite);
+    }
+
+    /// The stream of this sink's events. It holds the sink strongly while it lives.
+    EventStream<E> eventStream() const {
+        auto self = std::const_pointer_cast<Sink>(this->shared_from_this());
+        return EventStream<E>([self = std::move(self)](Handler handler, Callsite callsite) {
+            return self->observe(std::move(handler), callsite);
+        });
+    }
+
+  private:
+    using SharedHandler = SharedEventHandler<E>;
+    using Subscribers = SubscriberCollection<SharedHandler>;
+
+    std::shared_ptr<ThreadSafe<Subscribers>> storage_;
+};
+
+}  // namespace mirels
