@@ -63,11 +63,9 @@ class Notifier : public std::enable_shared_from_this<Notifier> {
 class Panel {
   public:
     explicit Panel(Notifier& notifier, std::string name) : name_(std::move(name)) {
-        notifier
-            .listen([this](const std::string& m) {
-                std::printf("%s got %s\n", name_.c_str(), m.c_str());
-            })
-            ->store(subscriptions_.wrappedValue());
+        auto token = notifier.listen(
+            [this](const std::string& m) { std::printf("%s got %s\n", name_.c_str(), m.c_str()); });
+        store(std::move(token), subscriptions_);
     }
 
   private:

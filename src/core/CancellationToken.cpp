@@ -24,8 +24,8 @@ void CancellationToken::cancel() {
     if (didCancel_) didCancel_();
 }
 
-void CancellationToken::store(CancellationTokenSet& tokens) {
-    tokens.insert(Ref<CancellationToken>(shared_from_this()));
+void store(std::shared_ptr<CancellationToken> token, CancellationTokenSet& tokens) {
+    tokens.insert(Ref<CancellationToken>(std::move(token)));
 }
 
 }  // namespace mirels

@@ -48,7 +48,7 @@ TEST(AutoCancelling, ReleasingCancelsEveryHeldTokenOnce) {
         AutoCancelling holder;
         for (int i = 0; i < 3; ++i) {
             auto token = CancellationToken::create([&runs, i] { ++runs[static_cast<size_t>(i)]; });
-            token->store(holder.wrappedValue());
+            store(token, holder.wrappedValue());
             if (i == 2) alreadyCancelled = token;
         }
         alreadyCancelled->cancel();
@@ -69,8 +69,8 @@ TEST(AutoCancelling, ProjectedTokenEmptiesTheHolderAndCancelsWhatItHeld) {
     EXPECT_EQ(reports.count(), 0u);
 
     int runs = 0;
-    CancellationToken::create([&] { ++runs; })->store(holder.wrappedValue());
-    CancellationToken::create([&] { ++runs; })->store(holder.wrappedValue());
+    store(CancellationToken::create([&] { ++runs; }), holder);
+    store(CancellationToken::create([&] { ++runs; }), holder);
     second->cancel();
     EXPECT_EQ(runs, 2);
     EXPECT_TRUE(holder.wrappedValue().empty());
@@ -79,7 +79,7 @@ TEST(AutoCancelling, ProjectedTokenEmptiesTheHolderAndCancelsWhatItHeld) {
     std::shared_ptr<CancellationToken> late;
     {
         AutoCancelling shortLived;
-        CancellationToken::create([&] { ++runs; })->store(shortLived.wrappedValue());
+        store(CancellationToken::create([&] { ++runs; }), shortLived);
         late = shortLived.projectedValue();
     }
     EXPECT_EQ(runs, 3);

@@ -9,7 +9,7 @@ namespace mirels {
 /// Holds cancellation tokens and cancels every one of them when it goes away: for objects that
 /// keep many registrations alive for exactly their own lifetime.
 ///
-/// Used like a property wrapper: `wrappedValue()` is the set that `CancellationToken::store`
+/// Used like a property wrapper: `wrappedValue()` is the set that `store(token, ...)`
 /// adds to, and `projectedValue()` hands out a token that cancels everything held so far.
 /// Owned and used by one thread at a time, like the set it exposes.
 class AutoCancelling {
@@ -31,5 +31,10 @@ class AutoCancelling {
   private:
     std::shared_ptr<CancellationTokenSet> tokens_;
 };
+
+/// Keeps `token` in `holder` until the holder cancels it.
+inline void store(std::shared_ptr<CancellationToken> token, AutoCancelling& holder) {
+    store(std::move(token), holder.wrappedValue());
+}
 
 }  // namespace mirels

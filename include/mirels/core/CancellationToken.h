@@ -21,7 +21,7 @@ using CancellationTokenSet = std::unordered_set<Ref<CancellationToken>>;
 /// failure (and runs the cancel action again, which the library's actions tolerate); a token
 /// destroyed without having been cancelled is reported too, and its action is released without
 /// running, so the registration stays. Made with `create`, shared by `std::shared_ptr`.
-class CancellationToken final : public std::enable_shared_from_this<CancellationToken> {
+class CancellationToken final {
     struct Key {
         explicit Key() = default;
     };
@@ -48,13 +48,15 @@ class CancellationToken final : public std::enable_shared_from_this<Cancellation
     /// Where the token was made.
     Callsite initializationCallsite() const noexcept { return initializationCallsite_; }
 
-    /// Keeps the token in `tokens` (for example an `AutoCancelling`'s set).
-    void store(CancellationTokenSet& tokens);
-
   private:
     Action didCancel_;
     std::atomic<bool> cancelled_{false};
     Callsite initializationCallsite_;
 };
+
+/// Keeps `token` in `tokens` (for example an `AutoCancelling`'s set). A free function rather than
+/// a member so that tokens need no back-pointer to their own owner: that saves every token four
+/// atomic operations over its life.
+void store(std::shared_ptr<CancellationToken> token, CancellationTokenSet& tokens);
 
 }  // namespace mirels
