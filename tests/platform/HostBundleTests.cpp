@@ -17,9 +17,9 @@ namespace {
 namespace fs = std::filesystem;
 
 TEST(HostBundle, NearestContentsAncestorNamesTheBundle) {
-    EXPECT_EQ(hostBundlePath("/Apps/Fake.app/Contents/MacOS/tool"), fs::path("/Apps/Fake.app"));
-    EXPECT_EQ(hostBundlePath("/x/Outer.app/Contents/Inner.app/Contents/MacOS/tool"),
-              fs::path("/x/Outer.app/Contents/Inner.app"));
+    EXPECT_EQ(hostBundlePath("/opt/FakeHost/Contents/bin/tool"), fs::path("/opt/FakeHost"));
+    EXPECT_EQ(hostBundlePath("/x/Outer/Contents/Inner/Contents/bin/tool"),
+              fs::path("/x/Outer/Contents/Inner"));
     EXPECT_EQ(hostBundlePath("/Contents/tool"), fs::path("/"));
     EXPECT_EQ(hostBundlePath("/usr/bin/tool"), std::nullopt);
     EXPECT_EQ(hostBundlePath("/a/Contents"), std::nullopt);  // the executable itself is no folder
@@ -32,15 +32,15 @@ TEST(HostBundle, NearestContentsAncestorNamesTheBundle) {
 class FakeBundleTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        fs::create_directories(folder_.path() / "Fake.app" / "Contents" / "MacOS");
+        fs::create_directories(folder_.path() / "FakeHost" / "Contents" / "bin");
         fs::create_directories(folder_.path() / "xdg");
-        probe_ = folder_.path() / "Fake.app" / "Contents" / "MacOS" / "platform_core_tally_probe";
+        probe_ = folder_.path() / "FakeHost" / "Contents" / "bin" / "platform_core_tally_probe";
         fs::copy_file(fs::path(MIRELS_TEST_PROGRAM_DIR) / "platform_core_tally_probe", probe_);
         fs::permissions(probe_, fs::perms::owner_all);
     }
 
     void writeVersionRecord(const PlistValue& record) {
-        std::ofstream(folder_.path() / "Fake.app" / "Contents" / "version.plist") << toXML(record);
+        std::ofstream(folder_.path() / "FakeHost" / "Contents" / "version.plist") << toXML(record);
     }
     std::string runProbe() {
         auto result = testing::runChild(probe_.string(), {"log"},
@@ -55,7 +55,7 @@ class FakeBundleTest : public ::testing::Test {
 
 TEST_F(FakeBundleTest, BuildVersionComesFromTheBundlesVersionRecord) {
     writeVersionRecord(PlistDictionary{{"ProductBuildVersion", "24A335"}, {"Other", 1}});
-    EXPECT_EQ(bundleBuildVersion(folder_.path() / "Fake.app"), "24A335");
+    EXPECT_EQ(bundleBuildVersion(folder_.path() / "FakeHost"), "24A335");
     EXPECT_EQ(hostBundleBuildVersion(probe_), "24A335");
     EXPECT_EQ(runProbe(),
               "events=1\n"
@@ -73,11 +73,11 @@ TEST_F(FakeBundleTest, MissingOrUnusableVersionRecordGivesNull) {
     EXPECT_EQ(runProbe(), noVersion);
 
     writeVersionRecord(PlistDictionary{{"ProductBuildVersion", 24}});
-    EXPECT_EQ(bundleBuildVersion(folder_.path() / "Fake.app"), std::nullopt);
+    EXPECT_EQ(bundleBuildVersion(folder_.path() / "FakeHost"), std::nullopt);
     EXPECT_EQ(runProbe(), noVersion);
 
-    std::ofstream(folder_.path() / "Fake.app" / "Contents" / "version.plist") << "<plist><dict>";
-    EXPECT_EQ(bundleBuildVersion(folder_.path() / "Fake.app"), std::nullopt);
+    std::ofstream(folder_.path() / "FakeHost" / "Contents" / "version.plist") << "<plist><dict>";
+    EXPECT_EQ(bundleBuildVersion(folder_.path() / "FakeHost"), std::nullopt);
 }
 
 }  // namespace

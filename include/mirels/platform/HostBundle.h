@@ -7,7 +7,7 @@
 namespace mirels {
 
 /// The application bundle that contains `executablePath`: the parent of the nearest ancestor
-/// directory named "Contents" (".../Name.app/Contents/MacOS/tool" gives ".../Name.app").
+/// directory named "Contents" (".../Host/Contents/bin/tool" gives ".../Host").
 /// Nothing when no ancestor is named so. Purely lexical: the path should already be resolved.
 std::optional<std::filesystem::path> hostBundlePath(const std::filesystem::path& executablePath);
 
