@@ -44,6 +44,8 @@
 #include "mirels/futures/MapFuture.h"
 #include "mirels/futures/PromiseFuture.h"
 #include "mirels/futures/ResultTraversal.h"
+#include "mirels/futures/TimeoutError.h"
+#include "mirels/futures/TimeoutFuture.h"
 #include "mirels/futures/TraverseFuture.h"
 #include "mirels/futures/UncancelableFuture.h"
 #include "mirels/platform/HostBundle.h"

@@ -906,4 +906,5 @@ struct std::hash<mirels::Future<T>> {
 #include "mirels/futures/FlatMapFuture.h"
 #include "mirels/futures/MapFuture.h"
 #include "mirels/futures/PromiseFuture.h"
+#include "mirels/futures/TimeoutFuture.h"
 #include "mirels/futures/UncancelableFuture.h"
