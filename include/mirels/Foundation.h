@@ -40,6 +40,7 @@
 #include "mirels/futures/ConstantFuture.h"
 #include "mirels/futures/FlatMapFuture.h"
 #include "mirels/futures/Future.h"
+#include "mirels/futures/FutureSerialQueue.h"
 #include "mirels/futures/FutureTermination.h"
 #include "mirels/futures/MapFuture.h"
 #include "mirels/futures/PromiseFuture.h"
