@@ -37,6 +37,7 @@
 #include "mirels/execution/QueueIdentifier.h"
 #include "mirels/execution/Thread.h"
 #include "mirels/futures/AccumulatedError.h"
+#include "mirels/futures/ConcurrentFutureCache.h"
 #include "mirels/futures/ConstantFuture.h"
 #include "mirels/futures/FlatMapFuture.h"
 #include "mirels/futures/Future.h"
