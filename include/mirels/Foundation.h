@@ -41,6 +41,7 @@
 #include "mirels/futures/ConstantFuture.h"
 #include "mirels/futures/FlatMapFuture.h"
 #include "mirels/futures/Future.h"
+#include "mirels/futures/FutureCoroutines.h"
 #include "mirels/futures/FutureSerialQueue.h"
 #include "mirels/futures/FutureTermination.h"
 #include "mirels/futures/MapFuture.h"

@@ -904,6 +904,7 @@ struct std::hash<mirels::Future<T>> {
 // The kinds of futures, and the definitions that need them.
 #include "mirels/futures/ConstantFuture.h"
 #include "mirels/futures/FlatMapFuture.h"
+#include "mirels/futures/FutureCoroutines.h"
 #include "mirels/futures/MapFuture.h"
 #include "mirels/futures/PromiseFuture.h"
 #include "mirels/futures/TimeoutFuture.h"
