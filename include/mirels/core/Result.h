@@ -1,5 +1,6 @@
 #pragma once
 
+#include <exception>
 #include <optional>
 #include <type_traits>
 #include <utility>
@@ -9,14 +10,28 @@
 
 namespace mirels {
 
+namespace detail {
+/// What a result takes as its failure: an `Error`, or an exception object.
+template <class E>
+concept IsResultError = std::is_same_v<std::remove_cvref_t<E>, Error> ||
+    std::is_base_of_v<std::exception, std::remove_cvref_t<E>>;
+}  // namespace detail
+
 /// A success-or-failure value: a `T`, or the `Error` that kept it from being made.
 template <class T>
 class Result {
   public:
     using Value = T;
 
-    Result(T value) : storage_(std::in_place_index<0>, std::move(value)) {}      // NOLINT
-    Result(Error error) : storage_(std::in_place_index<1>, std::move(error)) {}  // NOLINT
+    Result(T value) : storage_(std::in_place_index<0>, std::move(value)) {}  // NOLINT
+    /// A failure with `error`: an `Error`, or an exception object, which becomes one.
+    ///
+    /// Deliberately not "anything an `Error` can be made from" (which is any copyable object):
+    /// asking that of a type whose copy constructor is still being worked out (this result
+    /// itself, or a type holding one) would make the question depend on its own answer.
+    template <class E>
+    requires detail::IsResultError<E> Result(E&& error)  // NOLINT
+        : storage_(std::in_place_index<1>, Error(std::forward<E>(error))) {}
 
     static Result success(T value) { return Result(std::move(value)); }
     static Result failure(Error error) { return Result(std::move(error)); }
@@ -62,7 +77,9 @@ class Result<void> {
     using Value = void;
 
     Result() noexcept = default;
-    Result(Error error) : error_(std::move(error)) {}  // NOLINT
+    template <class E>
+    requires detail::IsResultError<E> Result(E&& error)  // NOLINT
+        : error_(Error(std::forward<E>(error))) {}
 
     static Result success() noexcept { return Result(); }
     static Result failure(Error error) { return Result(std::move(error)); }

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <memory>
+#include <utility>
+
+#include "mirels/futures/Future.h"
+
+namespace mirels {
+
+/// A future finished at construction with a fixed termination: what `Future<T>::completed`,
+/// `succeeded`, `failed` and `unreachable` make. It holds nothing else and has no lock; its
+/// observers are called at once, and canceling it does nothing.
+template <class T>
+class ConstantFuture final : public AbstractFuture<T> {
+    struct Key {
+        explicit Key() = default;
+    };
+
+  public:
+    ConstantFuture(Key, FutureTermination<T> termination, Callsite callsite)
+        : AbstractFuture<T>(std::move(termination), callsite) {}
+
+    static Future<T> create(FutureTermination<T> termination,
+                            Callsite callsite = Callsite::current()) {
+        return Future<T>(std::make_shared<ConstantFuture>(Key{}, std::move(termination), callsite));
+    }
+
+    void cancel(Callsite /*callsite*/ = Callsite::current()) override {}
+};
+
+template <class T>
+Future<T> Future<T>::constant(Termination termination, Callsite callsite) {
+    return ConstantFuture<T>::create(std::move(termination), callsite);
+}
+
+}  // namespace mirels

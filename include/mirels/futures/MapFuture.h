@@ -1,0 +1,122 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "mirels/futures/ConstantFuture.h"
+#include "mirels/futures/Future.h"
+
+namespace mirels {
+
+/// A future of what a transform makes of another future's result: what `map`, `mapSuccess`,
+/// `tryMapSuccess`, `mapSuccessToResult`, `mapFailure` and `flattened` make.
+///
+/// The transform runs on one lane for a succeeded input and on another for a failed one; an
+/// input that is canceled cancels the map with the same call site without running it.
+/// Canceling the map finishes it canceled at once and then passes the cancel on to the input.
+/// A map whose input has already arrived ignores a cancel: its transform still delivers.
+///
+/// An input that has finished already, with a transform lane that is current, needs no
+/// waiting: `create` then runs the transform at once and hands out a finished future.
+///
+/// While it runs, a map holds its input and nothing else changes until the input is handed
+/// off, once, to whichever comes first: the input's result or a cancel. That hand-off is
+/// settled by one atomic exchange instead of a lock of its own, so a map owns one lock, its
+/// base's, and costs one allocation less.
+template <class Input, class Output>
+class MapFuture final : public AbstractFuture<Output> {
+    struct Key {
+        explicit Key() = default;
+    };
+
+  public:
+    using Transform = UniqueFunction<Result<Output>(const Result<Input>&)>;
+
+    MapFuture(Key, Future<Input> input, ExecutionLane transformSuccessLane,
+              ExecutionLane transformFailureLane, Transform transform, Callsite callsite)
+        : AbstractFuture<Output>(callsite),
+          transform_(std::move(transform)),
+          transformSuccessLane_(std::move(transformSuccessLane)),
+          transformFailureLane_(std::move(transformFailureLane)),
+          underlying_(std::move(input)) {}
+
+    static Future<Output> create(Future<Input> input, ExecutionLane transformSuccessLane,
+                                 ExecutionLane transformFailureLane, Transform transform,
+                                 Callsite callsite = Callsite::current()) {
+        if (const FutureTermination<Input>* termination = input.terminationIfFinished()) {
+            if (auto canceled = termination->canceledCallsite()) {
+                return ConstantFuture<Output>::create(
+                    FutureTermination<Output>::canceled(*canceled), callsite);
+            }
+            const Result<Input>& result = *termination->resultIfCompleted();
+            if ((result.isSuccess() ? transformSuccessLane : transformFailureLane).isCurrent()) {
+                return ConstantFuture<Output>::create(
+                    FutureTermination<Output>::completed(transform(result)), callsite);
+            }
+        }
+        // The map holds its input from here on; the pointer is for registering only.
+        AbstractFuture<Input>* underlying = input.object().get();
+        auto self = std::make_shared<MapFuture>(
+            Key{}, std::move(input), std::move(transformSuccessLane),
+            std::move(transformFailureLane), std::move(transform), callsite);
+        underlying->_observeFinish([self](const FutureTermination<Input>& termination) {
+            self->receiveUnderlyingFinish(self, termination);
+        });
+        return Future<Output>(std::move(self));
+    }
+
+    /// Finishes the map canceled from `callsite`, then cancels its input with the same call
+    /// site; does nothing once the input has arrived or a cancel came first.
+    void cancel(Callsite callsite = Callsite::current()) override {
+        std::optional<Future<Input>> underlying = takeUnderlying();
+        if (!underlying) return;
+        transform_ = nullptr;  // it will never run; let go of what it holds
+        this->didFinish(FutureTermination<Output>::canceled(callsite));
+        underlying->cancel(callsite);
+    }
+
+  private:
+    /// Hands the input off to the caller, the first time only; nothing afterwards.
+    std::optional<Future<Input>> takeUnderlying() noexcept {
+        if (settled_.exchange(true, std::memory_order_acq_rel)) return std::nullopt;
+        return std::optional<Future<Input>>(std::move(underlying_));
+    }
+
+    void receiveUnderlyingFinish(const std::shared_ptr<MapFuture>& self,
+                                 const FutureTermination<Input>& termination) {
+        if (!takeUnderlying()) return;
+        if (auto canceled = termination.canceledCallsite()) {
+            transform_ = nullptr;
+            this->didFinish(FutureTermination<Output>::canceled(*canceled));
+            return;
+        }
+        const Result<Input>& result = *termination.resultIfCompleted();
+        const ExecutionLane& lane =
+            result.isSuccess() ? transformSuccessLane_ : transformFailureLane_;
+        if (lane.isCurrent()) {
+            runTransform(result);
+        } else {
+            lane.execute([self, result] { self->runTransform(result); });
+        }
+    }
+
+    void runTransform(const Result<Input>& result) {
+        Transform transform = std::move(transform_);
+        Result<Output> output = transform(result);
+        transform = nullptr;
+        this->didFinish(FutureTermination<Output>::completed(std::move(output)));
+    }
+
+    // Touched only by whoever takes the input, which happens once.
+    Transform transform_;
+    const ExecutionLane transformSuccessLane_;
+    const ExecutionLane transformFailureLane_;
+    // The activity: running while `settled_` is false, holding the input in `underlying_`;
+    // finished once it is true, the input handed off (and `underlying_` empty).
+    std::atomic<bool> settled_{false};
+    Future<Input> underlying_;
+};
+
+}  // namespace mirels

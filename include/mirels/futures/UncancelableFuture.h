@@ -1,0 +1,40 @@
+#pragma once
+
+#include <memory>
+
+#include "mirels/futures/ConstantFuture.h"
+#include "mirels/futures/Future.h"
+
+namespace mirels {
+
+/// A future that shields another from cancellation: it finishes as the shielded future does
+/// (including a cancellation that reaches the shielded future from elsewhere), and its own
+/// `cancel` does nothing, so a cancel never travels upstream from it.
+template <class T>
+class UncancelableFuture final : public AbstractFuture<T> {
+    struct Key {
+        explicit Key() = default;
+    };
+
+  public:
+    UncancelableFuture(Key, Callsite callsite) : AbstractFuture<T>(callsite) {}
+
+    static Future<T> create(const Future<T>& shielded, Callsite callsite = Callsite::current()) {
+        if (const FutureTermination<T>* termination = shielded.terminationIfFinished()) {
+            return ConstantFuture<T>::create(*termination, callsite);
+        }
+        auto self = std::make_shared<UncancelableFuture>(Key{}, callsite);
+        shielded.object()->_observeFinish(
+            [self](const FutureTermination<T>& termination) { self->didFinish(termination); });
+        return Future<T>(std::move(self));
+    }
+
+    void cancel(Callsite /*callsite*/ = Callsite::current()) override {}
+};
+
+template <class T>
+Future<T> Future<T>::uncancelable(Callsite callsite) const {
+    return UncancelableFuture<T>::create(*this, callsite);
+}
+
+}  // namespace mirels
