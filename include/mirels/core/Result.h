@@ -14,7 +14,7 @@ namespace detail {
 /// What a result takes as its failure: an `Error`, or an exception object.
 template <class E>
 concept IsResultError = std::is_same_v<std::remove_cvref_t<E>, Error> ||
-    std::is_base_of_v<std::exception, std::remove_cvref_t<E>>;
+                        std::is_base_of_v<std::exception, std::remove_cvref_t<E>>;
 }  // namespace detail
 
 /// A success-or-failure value: a `T`, or the `Error` that kept it from being made.
@@ -30,7 +30,8 @@ class Result {
     /// asking that of a type whose copy constructor is still being worked out (this result
     /// itself, or a type holding one) would make the question depend on its own answer.
     template <class E>
-    requires detail::IsResultError<E> Result(E&& error)  // NOLINT
+        requires detail::IsResultError<E>
+    Result(E&& error)  // NOLINT
         : storage_(std::in_place_index<1>, Error(std::forward<E>(error))) {}
 
     static Result success(T value) { return Result(std::move(value)); }
@@ -78,7 +79,8 @@ class Result<void> {
 
     Result() noexcept = default;
     template <class E>
-    requires detail::IsResultError<E> Result(E&& error)  // NOLINT
+        requires detail::IsResultError<E>
+    Result(E&& error)  // NOLINT
         : error_(Error(std::forward<E>(error))) {}
 
     static Result success() noexcept { return Result(); }

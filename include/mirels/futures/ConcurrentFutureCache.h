@@ -40,8 +40,8 @@ class ConcurrentFutureCache final {
     /// keeps a future that never finishes: later callers get that future and the closure does
     /// not run again. Closures should report failure through the future they return.
     template <class F>
-    requires std::is_invocable_r_v<Future<Value>, F &&, const Key&> Future<Value> guaranteedValue(
-        const Key& key, F&& creatingIfNecessaryWith) {
+        requires std::is_invocable_r_v<Future<Value>, F&&, const Key&>
+    Future<Value> guaranteedValue(const Key& key, F&& creatingIfNecessaryWith) {
         std::optional<Promise<Value>> promise;
         std::optional<Future<Value>> cached =
             dictionary_.syncWrite([&](Map& map) -> std::optional<Future<Value>> {

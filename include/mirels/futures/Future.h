@@ -93,23 +93,19 @@ struct IsFuture<Future<T>> : std::true_type {};
 
 /// `f` takes a future's success-or-failure result.
 template <class F, class T>
-concept ResultCallable = std::is_invocable_v < F&,
-        const Result<T>
-& > ;
+concept ResultCallable = std::is_invocable_v<F&, const Result<T>&>;
 
 /// `f` makes a result of a result.
 template <class F, class T>
 concept ResultToResult =
-    ResultCallable<F, T> && IsResult < std::remove_cvref_t < std::invoke_result_t < F&,
-        const Result<T>
-& >>> ::value;
+    ResultCallable<F, T> &&
+    IsResult<std::remove_cvref_t<std::invoke_result_t<F&, const Result<T>&>>>::value;
 
 /// `f` makes a future of a result.
 template <class F, class T>
 concept ResultToFuture =
-    ResultCallable<F, T> && IsFuture < std::remove_cvref_t < std::invoke_result_t < F&,
-        const Result<T>
-& >>> ::value;
+    ResultCallable<F, T> &&
+    IsFuture<std::remove_cvref_t<std::invoke_result_t<F&, const Result<T>&>>>::value;
 
 /// `f` makes a result of a success value.
 template <class F, class T>
@@ -132,7 +128,7 @@ concept PromiseBody = std::is_invocable_v<F&, Promise<T>> && !std::is_invocable_
 /// `f` makes a future of the same value type of an error.
 template <class F, class T>
 concept ErrorToFuture = std::is_invocable_v<F&, const Error&> &&
-    std::is_convertible_v<std::invoke_result_t<F&, const Error&>, Future<T>>;
+                        std::is_convertible_v<std::invoke_result_t<F&, const Error&>, Future<T>>;
 
 }  // namespace detail
 
@@ -214,9 +210,9 @@ class AbstractFuture {
     /// `observer` is any callable that takes the termination; it is stored as an `Observer`,
     /// made in place.
     template <class F>
-    requires(std::is_invocable_v<std::decay_t<F>&, const Termination&>) void _observeFinish(
-        ExecutionLane lane, F&& observer,
-        FutureTerminationCases cases = FutureTerminationCases::all) {
+        requires(std::is_invocable_v<std::decay_t<F>&, const Termination&>)
+    void _observeFinish(ExecutionLane lane, F&& observer,
+                        FutureTerminationCases cases = FutureTerminationCases::all) {
         const auto caseBits = static_cast<std::uint8_t>(cases);
         if (const Termination* termination = terminationIfFinished()) {
             deliver(lane, observer, caseBits, *termination);
@@ -233,8 +229,8 @@ class AbstractFuture {
 
     /// `_observeFinish` on the finishing (or, when finished, the calling) thread.
     template <class F>
-    requires(std::is_invocable_v<std::decay_t<F>&, const Termination&>) void _observeFinish(
-        F&& observer) {
+        requires(std::is_invocable_v<std::decay_t<F>&, const Termination&>)
+    void _observeFinish(F&& observer) {
         _observeFinish(ExecutionLane::any(), std::forward<F>(observer));
     }
 
@@ -392,7 +388,7 @@ class Future {
 
     /// Makes a promise-backed future and calls `callback` with its promise at once.
     template <class F>
-    requires std::is_invocable_v<F&&, Promise<T>>
+        requires std::is_invocable_v<F&&, Promise<T>>
     explicit Future(F&& callback, Callsite callsite = Callsite::current())
         : Future(create(std::forward<F>(callback), callsite)) {}
 
@@ -404,7 +400,7 @@ class Future {
     /// Makes a promise-backed future, calls `body` with its promise at once and returns the
     /// future.
     template <class F>
-    requires std::is_invocable_v<F&&, Promise<T>>
+        requires std::is_invocable_v<F&&, Promise<T>>
     static Future create(F&& body, Callsite callsite = Callsite::current()) {
         FutureAndPromise<T> pair = create(callsite);
         std::forward<F>(body)(std::move(pair.promise));
@@ -419,16 +415,19 @@ class Future {
     /// A future finished with what `body` returns, or with the error it throws. `body` runs at
     /// once.
     template <class F>
-    requires detail::ValueMaker<F, T>
+        requires detail::ValueMaker<F, T>
     static Future completed(F&& body, Callsite callsite = Callsite::current()) {
         return completed(Result<T>::catching(std::forward<F>(body)), callsite);
     }
 
-    static Future succeeded(FutureValue<T> value,
-                            Callsite callsite = Callsite::current()) requires(!std::is_void_v<T>) {
+    static Future succeeded(FutureValue<T> value, Callsite callsite = Callsite::current())
+        requires(!std::is_void_v<T>)
+    {
         return constant(Termination::succeeded(std::move(value)), callsite);
     }
-    static Future succeeded(Callsite callsite = Callsite::current()) requires std::is_void_v<T> {
+    static Future succeeded(Callsite callsite = Callsite::current())
+        requires std::is_void_v<T>
+    {
         return constant(Termination::succeeded(), callsite);
     }
 
@@ -445,19 +444,19 @@ class Future {
 
     /// Calls `callback` with the termination, on `lane`.
     template <class F>
-    requires std::is_invocable_v<F&, const Termination&>
+        requires std::is_invocable_v<F&, const Termination&>
     void observeFinish(ExecutionLane lane, F&& callback) const {
         object_->_observeFinish(std::move(lane), std::forward<F>(callback));
     }
     template <class F>
-    requires std::is_invocable_v<F&, const Termination&>
+        requires std::is_invocable_v<F&, const Termination&>
     void observeFinish(F&& callback) const {
         observeFinish(ExecutionLane::any(), std::forward<F>(callback));
     }
 
     /// Calls `callback` with the result when the future succeeds or fails; never on cancel.
     template <class F>
-    requires detail::ResultCallable<F, T>
+        requires detail::ResultCallable<F, T>
     void observeCompletion(ExecutionLane lane, F&& callback) const {
         object_->_observeFinish(
             std::move(lane),
@@ -467,14 +466,14 @@ class Future {
             FutureTerminationCases::completed);
     }
     template <class F>
-    requires detail::ResultCallable<F, T>
+        requires detail::ResultCallable<F, T>
     void observeCompletion(F&& callback) const {
         observeCompletion(ExecutionLane::any(), std::forward<F>(callback));
     }
 
     /// Calls `callback` with the value (with nothing for a future of nothing) on success.
     template <class F>
-    requires detail::SuccessCallable<F, T>
+        requires detail::SuccessCallable<F, T>
     void observeSuccess(ExecutionLane lane, F&& callback) const {
         object_->_observeFinish(
             std::move(lane),
@@ -484,14 +483,14 @@ class Future {
             FutureTerminationCases::succeeded);
     }
     template <class F>
-    requires detail::SuccessCallable<F, T>
+        requires detail::SuccessCallable<F, T>
     void observeSuccess(F&& callback) const {
         observeSuccess(ExecutionLane::any(), std::forward<F>(callback));
     }
 
     /// Calls `callback` with the error on failure.
     template <class F>
-    requires std::is_invocable_v<F&, const Error&>
+        requires std::is_invocable_v<F&, const Error&>
     void observeFailure(ExecutionLane lane, F&& callback) const {
         object_->_observeFinish(
             std::move(lane),
@@ -501,14 +500,14 @@ class Future {
             FutureTerminationCases::failed);
     }
     template <class F>
-    requires std::is_invocable_v<F&, const Error&>
+        requires std::is_invocable_v<F&, const Error&>
     void observeFailure(F&& callback) const {
         observeFailure(ExecutionLane::any(), std::forward<F>(callback));
     }
 
     /// Calls `callback` with the cancel call site on cancellation.
     template <class F>
-    requires std::is_invocable_v<F&, Callsite>
+        requires std::is_invocable_v<F&, Callsite>
     void observeCancelation(ExecutionLane lane, F&& callback) const {
         object_->_observeFinish(
             std::move(lane),
@@ -518,14 +517,14 @@ class Future {
             FutureTerminationCases::canceled);
     }
     template <class F>
-    requires std::is_invocable_v<F&, Callsite>
+        requires std::is_invocable_v<F&, Callsite>
     void observeCancelation(F&& callback) const {
         observeCancelation(ExecutionLane::any(), std::forward<F>(callback));
     }
 
     /// Calls `callback` with the error on failure, and with a `FutureCanceled` on cancellation.
     template <class F>
-    requires std::is_invocable_v<F&, const Error&>
+        requires std::is_invocable_v<F&, const Error&>
     void observeUnsuccessfulResult(ExecutionLane lane, F&& callback) const {
         object_->_observeFinish(
             std::move(lane),
@@ -539,7 +538,7 @@ class Future {
             FutureTerminationCases::unsuccessful);
     }
     template <class F>
-    requires std::is_invocable_v<F&, const Error&>
+        requires std::is_invocable_v<F&, const Error&>
     void observeUnsuccessfulResult(F&& callback) const {
         observeUnsuccessfulResult(ExecutionLane::any(), std::forward<F>(callback));
     }
@@ -547,7 +546,7 @@ class Future {
     /// Calls `completion` with the termination's result: a cancellation arrives as a
     /// `FutureCanceled` failure.
     template <class F>
-    requires detail::ResultCallable<F, T>
+        requires detail::ResultCallable<F, T>
     void observeFinishConvertingCancelationToFailure(ExecutionLane lane, F&& completion) const {
         object_->_observeFinish(std::move(lane), [f = std::forward<F>(completion)](
                                                      const Termination& termination) mutable {
@@ -559,7 +558,7 @@ class Future {
         });
     }
     template <class F>
-    requires detail::ResultCallable<F, T>
+        requires detail::ResultCallable<F, T>
     void observeFinishConvertingCancelationToFailure(F&& completion) const {
         observeFinishConvertingCancelationToFailure(ExecutionLane::any(),
                                                     std::forward<F>(completion));
@@ -570,14 +569,14 @@ class Future {
     /// future still hands its value to `closure`; a running one is canceled, and `closure`
     /// runs only if it succeeds anyway.
     template <class F>
-    requires detail::SuccessCallable<F, T>
+        requires detail::SuccessCallable<F, T>
     void cancelOrObserveSuccess(ExecutionLane lane, F&& closure,
                                 Callsite callsite = Callsite::current()) const {
         observeSuccess(std::move(lane), std::forward<F>(closure));
         object_->cancel(callsite);
     }
     template <class F>
-    requires detail::SuccessCallable<F, T>
+        requires detail::SuccessCallable<F, T>
     void cancelOrObserveSuccess(F&& closure, Callsite callsite = Callsite::current()) const {
         cancelOrObserveSuccess(ExecutionLane::any(), std::forward<F>(closure), callsite);
     }
@@ -628,7 +627,7 @@ class Future {
     /// A future of what `transform` makes of this future's result (run on `lane`). A thrown
     /// error fails it; cancellation passes through.
     template <class F>
-    requires detail::ResultToResult<F, T>
+        requires detail::ResultToResult<F, T>
     auto map(ExecutionLane lane, F&& transform, Callsite callsite = Callsite::current()) const {
         using Out = typename std::remove_cvref_t<std::invoke_result_t<F&, const Result<T>&>>::Value;
         ExecutionLane failureLane = lane;
@@ -644,7 +643,7 @@ class Future {
             callsite);
     }
     template <class F>
-    requires detail::ResultToResult<F, T>
+        requires detail::ResultToResult<F, T>
     auto map(F&& transform, Callsite callsite = Callsite::current()) const {
         return map(ExecutionLane::any(), std::forward<F>(transform), callsite);
     }
@@ -652,7 +651,7 @@ class Future {
     /// A future of what `transform` makes of the value (run on `lane`); a failure passes
     /// through on the delivering thread. A thrown error fails the new future.
     template <class F>
-    requires detail::SuccessCallable<F, T>
+        requires detail::SuccessCallable<F, T>
     auto mapSuccess(ExecutionLane lane, F&& transform,
                     Callsite callsite = Callsite::current()) const {
         using Out = std::remove_cvref_t<detail::SuccessInvokeResultType<F, T>>;
@@ -664,20 +663,20 @@ class Future {
             callsite);
     }
     template <class F>
-    requires detail::SuccessCallable<F, T>
+        requires detail::SuccessCallable<F, T>
     auto mapSuccess(F&& transform, Callsite callsite = Callsite::current()) const {
         return mapSuccess(ExecutionLane::any(), std::forward<F>(transform), callsite);
     }
 
     /// `mapSuccess` for transforms that throw to fail: the thrown error fails the new future.
     template <class F>
-    requires detail::SuccessCallable<F, T>
+        requires detail::SuccessCallable<F, T>
     auto tryMapSuccess(ExecutionLane lane, F&& transform,
                        Callsite callsite = Callsite::current()) const {
         return mapSuccess(std::move(lane), std::forward<F>(transform), callsite);
     }
     template <class F>
-    requires detail::SuccessCallable<F, T>
+        requires detail::SuccessCallable<F, T>
     auto tryMapSuccess(F&& transform, Callsite callsite = Callsite::current()) const {
         return mapSuccess(ExecutionLane::any(), std::forward<F>(transform), callsite);
     }
@@ -685,7 +684,7 @@ class Future {
     /// A future of the result that `transform` makes of the value (run on `lane`); a failure
     /// passes through.
     template <class F>
-    requires detail::SuccessToResult<F, T>
+        requires detail::SuccessToResult<F, T>
     auto mapSuccessToResult(ExecutionLane lane, F&& transform,
                             Callsite callsite = Callsite::current()) const {
         using Out = typename std::remove_cvref_t<detail::SuccessInvokeResultType<F, T>>::Value;
@@ -702,7 +701,7 @@ class Future {
             callsite);
     }
     template <class F>
-    requires detail::SuccessToResult<F, T>
+        requires detail::SuccessToResult<F, T>
     auto mapSuccessToResult(F&& transform, Callsite callsite = Callsite::current()) const {
         return mapSuccessToResult(ExecutionLane::any(), std::forward<F>(transform), callsite);
     }
@@ -710,9 +709,9 @@ class Future {
     /// A future that fails with what `transform` makes of the error (run on `lane`); success
     /// passes through.
     template <class F>
-    requires std::is_invocable_v<F&, const Error&> Future
-    mapFailure(ExecutionLane lane, F&& transform, Callsite callsite = Callsite::current())
-    const {
+        requires std::is_invocable_v<F&, const Error&>
+    Future mapFailure(ExecutionLane lane, F&& transform,
+                      Callsite callsite = Callsite::current()) const {
         return MapFuture<T, T>::create(
             *this, ExecutionLane::any(), std::move(lane),
             [f = std::forward<F>(transform)](const Result<T>& result) mutable -> Result<T> {
@@ -726,14 +725,15 @@ class Future {
             callsite);
     }
     template <class F>
-    requires std::is_invocable_v<F&, const Error&> Future
-    mapFailure(F&& transform, Callsite callsite = Callsite::current())
-    const { return mapFailure(ExecutionLane::any(), std::forward<F>(transform), callsite); }
+        requires std::is_invocable_v<F&, const Error&>
+    Future mapFailure(F&& transform, Callsite callsite = Callsite::current()) const {
+        return mapFailure(ExecutionLane::any(), std::forward<F>(transform), callsite);
+    }
 
     /// A future that follows the future `transform` makes of this future's result (run on
     /// `lane`).
     template <class F>
-    requires detail::ResultToFuture<F, T>
+        requires detail::ResultToFuture<F, T>
     auto flatMap(ExecutionLane lane, F&& transform, Callsite callsite = Callsite::current()) const {
         using Out = typename std::remove_cvref_t<std::invoke_result_t<F&, const Result<T>&>>::Value;
         ExecutionLane failureLane = lane;
@@ -750,7 +750,7 @@ class Future {
             callsite);
     }
     template <class F>
-    requires detail::ResultToFuture<F, T>
+        requires detail::ResultToFuture<F, T>
     auto flatMap(F&& transform, Callsite callsite = Callsite::current()) const {
         return flatMap(ExecutionLane::any(), std::forward<F>(transform), callsite);
     }
@@ -758,26 +758,26 @@ class Future {
     /// Chains a second asynchronous step: a future that follows the future `transform` makes
     /// of the value (run on `lane`). A failure passes through without running `transform`.
     template <class F>
-    requires detail::SuccessToFuture<F, T>
+        requires detail::SuccessToFuture<F, T>
     auto then(ExecutionLane lane, F&& transform, Callsite callsite = Callsite::current()) const {
         return chain(std::move(lane), std::forward<F>(transform), callsite,
                      detail::FutureFunction::then);
     }
     template <class F>
-    requires detail::SuccessToFuture<F, T>
+        requires detail::SuccessToFuture<F, T>
     auto then(F&& transform, Callsite callsite = Callsite::current()) const {
         return then(ExecutionLane::any(), std::forward<F>(transform), callsite);
     }
 
     /// `then` for transforms that throw to fail: the thrown error fails the new future.
     template <class F>
-    requires detail::SuccessToFuture<F, T>
+        requires detail::SuccessToFuture<F, T>
     auto tryThen(ExecutionLane lane, F&& transform, Callsite callsite = Callsite::current()) const {
         return chain(std::move(lane), std::forward<F>(transform), callsite,
                      detail::FutureFunction::tryThen);
     }
     template <class F>
-    requires detail::SuccessToFuture<F, T>
+        requires detail::SuccessToFuture<F, T>
     auto tryThen(F&& transform, Callsite callsite = Callsite::current()) const {
         return tryThen(ExecutionLane::any(), std::forward<F>(transform), callsite);
     }
@@ -785,9 +785,9 @@ class Future {
     /// Recovers from a failure: a future that follows the future `resultCallback` makes of the
     /// error (run on `lane`). A success passes through.
     template <class F>
-    requires detail::ErrorToFuture<F, T> Future
-    flatMapFailure(ExecutionLane lane, F&& resultCallback, Callsite callsite = Callsite::current())
-    const {
+        requires detail::ErrorToFuture<F, T>
+    Future flatMapFailure(ExecutionLane lane, F&& resultCallback,
+                          Callsite callsite = Callsite::current()) const {
         return FlatMapFuture<T, T>::create(
             *this, ExecutionLane::any(), std::move(lane),
             [f = std::forward<F>(resultCallback)](const Result<T>& result) mutable -> Future {
@@ -803,9 +803,8 @@ class Future {
             callsite);
     }
     template <class F>
-    requires detail::ErrorToFuture<F, T> Future
-    flatMapFailure(F&& resultCallback, Callsite callsite = Callsite::current())
-    const {
+        requires detail::ErrorToFuture<F, T>
+    Future flatMapFailure(F&& resultCallback, Callsite callsite = Callsite::current()) const {
         return flatMapFailure(ExecutionLane::any(), std::forward<F>(resultCallback), callsite);
     }
 
@@ -815,9 +814,8 @@ class Future {
 
     /// For a future of a result: a future that succeeds or fails as the inner result says.
     template <class R = T>
-    requires detail::IsResult<R>::value Future<typename R::Value> flattened(
-        Callsite callsite = Callsite::current())
-    const {
+        requires detail::IsResult<R>::value
+    Future<typename R::Value> flattened(Callsite callsite = Callsite::current()) const {
         using Out = typename R::Value;
         return MapFuture<T, Out>::create(
             *this, ExecutionLane::any(), ExecutionLane::any(),

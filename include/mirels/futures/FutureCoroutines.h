@@ -107,12 +107,14 @@ template <class T>
 class FutureCoroutinePromise final : public FutureCoroutinePromiseBase<T> {
   public:
     template <class U>
-    requires std::is_convertible_v<U&&, T>
-    void return_value(U&& value) const { this->promise_.succeed(T(std::forward<U>(value))); }
+        requires std::is_convertible_v<U&&, T>
+    void return_value(U&& value) const {
+        this->promise_.succeed(T(std::forward<U>(value)));
+    }
 };
 
 template <class T>
-requires std::is_void_v<T>
+    requires std::is_void_v<T>
 class FutureCoroutinePromise<T> final : public FutureCoroutinePromiseBase<T> {
   public:
     void return_void() const { this->promise_.succeed(); }

@@ -58,7 +58,8 @@ class FutureSerialQueue final : public std::enable_shared_from_this<FutureSerial
 
     /// Appends an operation that `makeFuture` starts, and returns the future of its outcome.
     template <class F>
-    requires std::is_invocable_r_v<Future<T>, F&> Future<T> enqueue(F&& makeFuture) {
+        requires std::is_invocable_r_v<Future<T>, F&>
+    Future<T> enqueue(F&& makeFuture) {
         FutureAndPromise<T> pair =
             Future<T>::create(detail::futureCallsite(detail::FutureFunction::serialQueueEnqueue));
         const std::int64_t identifier = nextProcessIdentifier();
@@ -76,7 +77,8 @@ class FutureSerialQueue final : public std::enable_shared_from_this<FutureSerial
     /// Appends an operation that `body` starts with a new promise, and returns the future of
     /// its outcome.
     template <class F>
-    requires detail::PromiseBody<F, T> Future<T> enqueue(F&& body) {
+        requires detail::PromiseBody<F, T>
+    Future<T> enqueue(F&& body) {
         return enqueue([body = std::forward<F>(body)]() mutable {
             return Future<T>::create(
                 [&](Promise<T> promise) { body(std::move(promise)); },

@@ -88,9 +88,9 @@ concept SuccessCallable = (std::is_void_v<T> && std::is_invocable_v<F&>) ||
 
 /// `f` maps a result of `T` to a result of some type.
 template <class F, class T>
-concept ResultMapping = std::is_invocable_v < F&&,
-        const Result<T>
-& > &&IsResult<std::remove_cvref_t<std::invoke_result_t<F&&, const Result<T>&>>>::value;
+concept ResultMapping =
+    std::is_invocable_v<F&&, const Result<T>&> &&
+    IsResult<std::remove_cvref_t<std::invoke_result_t<F&&, const Result<T>&>>>::value;
 
 /// Runs `f` on the success value of `result` and wraps what it gives (or throws) in a result;
 /// a failure passes through.
@@ -123,10 +123,14 @@ class FutureTermination {
     /// The error that a canceled termination becomes in a result.
     using FutureCanceled = mirels::FutureCanceled;
 
-    static FutureTermination succeeded(FutureValue<T> value) requires(!std::is_void_v<T>) {
+    static FutureTermination succeeded(FutureValue<T> value)
+        requires(!std::is_void_v<T>)
+    {
         return FutureTermination(Result<T>(std::move(value)));
     }
-    static FutureTermination succeeded() requires std::is_void_v<T> {
+    static FutureTermination succeeded()
+        requires std::is_void_v<T>
+    {
         return FutureTermination(Result<void>());
     }
     static FutureTermination failed(Error error) {
@@ -188,8 +192,8 @@ class FutureTermination {
     /// The success-or-failure result, in which `mapCancelation` turns the cancel call site into
     /// a result.
     template <class F>
-    requires std::is_invocable_r_v<Result<T>, F &&, Callsite> Result<T> resultMappingCancelation(
-        F&& mapCancelation) const {
+        requires std::is_invocable_r_v<Result<T>, F&&, Callsite>
+    Result<T> resultMappingCancelation(F&& mapCancelation) const {
         if (const Result<T>* completed = resultIfCompleted()) return *completed;
         return std::forward<F>(mapCancelation)(std::get<1>(storage_));
     }
@@ -197,7 +201,7 @@ class FutureTermination {
     /// Maps the completed result with `transform` (a result of `T` to a result of another
     /// type); canceled passes through with its call site.
     template <class F>
-    requires detail::ResultMapping<F, T>
+        requires detail::ResultMapping<F, T>
     auto map(F&& transform) const {
         using Out =
             typename std::remove_cvref_t<std::invoke_result_t<F&&, const Result<T>&>>::Value;
@@ -210,7 +214,7 @@ class FutureTermination {
     /// Maps the succeeded value with `transform`; failed and canceled pass through. A throwing
     /// transform gives a failed termination.
     template <class F>
-    requires detail::SuccessCallable<F, T>
+        requires detail::SuccessCallable<F, T>
     auto mapSuccess(F&& transform) const {
         using Out = detail::SuccessInvokeResultType<F, T>;
         if (const Result<T>* completed = resultIfCompleted()) {
@@ -269,7 +273,7 @@ class FutureState {
     /// Maps the completed result of a finished state (see `FutureTermination::map`); running
     /// stays running.
     template <class F>
-    requires detail::ResultMapping<F, T>
+        requires detail::ResultMapping<F, T>
     auto map(F&& transform) const {
         using Out =
             typename std::remove_cvref_t<std::invoke_result_t<F&&, const Result<T>&>>::Value;

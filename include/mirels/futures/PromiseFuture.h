@@ -121,23 +121,29 @@ class Promise {
     /// Runs `handler` at once on the calling thread and completes with its value, or with the
     /// error it throws.
     template <class F>
-    requires detail::ValueMaker<F, T>
-    void fulfill(F&& handler) const { fulfill(Result<T>::catching(std::forward<F>(handler))); }
+        requires detail::ValueMaker<F, T>
+    void fulfill(F&& handler) const {
+        fulfill(Result<T>::catching(std::forward<F>(handler)));
+    }
 
     /// Submits `handler` to `queue` and there completes with its value, or with the error it
     /// throws.
     template <class F>
-    requires std::is_invocable_v<F&>
+        requires std::is_invocable_v<F&>
     void fulfill(const std::shared_ptr<DispatchQueue>& queue, F&& handler) const {
         queue->async([promise = *this, handler = std::forward<F>(handler)]() mutable {
             promise.fulfill(Result<T>::catching(handler));
         });
     }
 
-    void succeed(FutureValue<T> value) const requires(!std::is_void_v<T>) {
+    void succeed(FutureValue<T> value) const
+        requires(!std::is_void_v<T>)
+    {
         finishing()->transition(FutureTermination<T>::succeeded(std::move(value)));
     }
-    void succeed() const requires std::is_void_v<T> {
+    void succeed() const
+        requires std::is_void_v<T>
+    {
         finishing()->transition(FutureTermination<T>::succeeded());
     }
 
@@ -152,10 +158,14 @@ class Promise {
     void tryFulfill(Result<T> result) const {
         finishing()->tryTransition(FutureTermination<T>::completed(std::move(result)));
     }
-    void trySucceed(FutureValue<T> value) const requires(!std::is_void_v<T>) {
+    void trySucceed(FutureValue<T> value) const
+        requires(!std::is_void_v<T>)
+    {
         finishing()->tryTransition(FutureTermination<T>::succeeded(std::move(value)));
     }
-    void trySucceed() const requires std::is_void_v<T> {
+    void trySucceed() const
+        requires std::is_void_v<T>
+    {
         finishing()->tryTransition(FutureTermination<T>::succeeded());
     }
     void tryFail(Error error) const {
@@ -181,12 +191,12 @@ class Promise {
     /// Calls `callback` with the cancel call site when the future is canceled, so that the
     /// producer can stop its work.
     template <class F>
-    requires std::is_invocable_v<F&, Callsite>
+        requires std::is_invocable_v<F&, Callsite>
     void observeCancelation(ExecutionLane lane, F&& callback) const {
         future().observeCancelation(std::move(lane), std::forward<F>(callback));
     }
     template <class F>
-    requires std::is_invocable_v<F&, Callsite>
+        requires std::is_invocable_v<F&, Callsite>
     void observeCancelation(F&& callback) const {
         future().observeCancelation(std::forward<F>(callback));
     }

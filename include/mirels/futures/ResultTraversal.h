@@ -48,13 +48,15 @@ auto collectResults(R&& results) {
 }
 
 template <class R>
-concept ResultRange = std::ranges::input_range<R> &&
+concept ResultRange =
+    std::ranges::input_range<R> &&
     IsResult<std::remove_cvref_t<std::ranges::range_reference_t<R>>>::value &&
     !std::is_void_v<typename std::remove_cvref_t<std::ranges::range_reference_t<R>>::Value>;
 
 template <class R, class F>
-concept ResultTransform = std::ranges::input_range<R> &&
-    std::is_invocable_v<F&, std::ranges::range_reference_t<R>> && IsResult<
+concept ResultTransform =
+    std::ranges::input_range<R> && std::is_invocable_v<F&, std::ranges::range_reference_t<R>> &&
+    IsResult<
         std::remove_cvref_t<std::invoke_result_t<F&, std::ranges::range_reference_t<R>>>>::value;
 
 template <class R, class F>
@@ -82,7 +84,7 @@ auto invertAndAccumulateErrors(R&& results) {
 
 /// `invert` of the results that `transform` makes of each element, in order.
 template <std::ranges::input_range R, class F>
-requires detail::ResultTransform<R, F>
+    requires detail::ResultTransform<R, F>
 auto traverse(R&& elements, F&& transform) {
     return detail::combineResults(detail::transformResults(std::forward<R>(elements), transform),
                                   false);
@@ -90,7 +92,7 @@ auto traverse(R&& elements, F&& transform) {
 
 /// `invertAndAccumulateErrors` of the results that `transform` makes of each element.
 template <std::ranges::input_range R, class F>
-requires detail::ResultTransform<R, F>
+    requires detail::ResultTransform<R, F>
 auto traverseAndAccumulateErrors(R&& elements, F&& transform) {
     return detail::combineResults(detail::transformResults(std::forward<R>(elements), transform),
                                   true);

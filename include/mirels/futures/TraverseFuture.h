@@ -116,11 +116,12 @@ namespace detail {
 
 template <class R>
 concept FutureRange = std::ranges::input_range<R> &&
-    IsFuture<std::remove_cvref_t<std::ranges::range_reference_t<R>>>::value;
+                      IsFuture<std::remove_cvref_t<std::ranges::range_reference_t<R>>>::value;
 
 template <class R, class F>
-concept FutureTransform = std::ranges::input_range<R> &&
-    std::is_invocable_v<F&, std::ranges::range_reference_t<R>> && IsFuture<
+concept FutureTransform =
+    std::ranges::input_range<R> && std::is_invocable_v<F&, std::ranges::range_reference_t<R>> &&
+    IsFuture<
         std::remove_cvref_t<std::invoke_result_t<F&, std::ranges::range_reference_t<R>>>>::value;
 
 }  // namespace detail
@@ -139,7 +140,7 @@ auto invert(R&& futures, bool andAccumulateErrors = false,
 /// A future of the values of the futures that `transform` makes of each element (called at
 /// once, in order).
 template <std::ranges::input_range R, class F>
-requires detail::FutureTransform<R, F>
+    requires detail::FutureTransform<R, F>
 auto traverse(R&& elements, bool andAccumulateErrors, F&& transform,
               Callsite callsite = Callsite::current()) {
     using Made = std::remove_cvref_t<std::invoke_result_t<F&, std::ranges::range_reference_t<R>>>;
@@ -152,7 +153,7 @@ auto traverse(R&& elements, bool andAccumulateErrors, F&& transform,
 
 /// `traverse` without accumulating errors.
 template <std::ranges::input_range R, class F>
-requires detail::FutureTransform<R, F>
+    requires detail::FutureTransform<R, F>
 auto traverse(R&& elements, F&& transform, Callsite callsite = Callsite::current()) {
     return traverse(std::forward<R>(elements), false, std::forward<F>(transform), callsite);
 }
