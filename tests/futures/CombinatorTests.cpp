@@ -213,7 +213,7 @@ TEST(AccumulatedError, NumbersAndIndentsEveryErrorsDiagnostics) {
     EXPECT_EQ(error.fullDiagnosticsOutput(),
               "Error 1:\n   CallsiteError<int>: Grid.cpp:12:5 within body"
               "\n\n==============================\n\n"
-              "Error 2:\n   runtime_error\n   \n   a");
+              "Error 2:\n   HumanReadableSwiftError\n   \n   runtime_error: a");
 }
 
 // A traversal over a thousand futures finished from several threads at once.

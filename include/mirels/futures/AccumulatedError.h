@@ -33,9 +33,6 @@ class AccumulatedError final : public HumanReadableError {
     /// separated by "\n\n" + 30 equals signs + "\n\n".
     std::string fullDiagnosticsOutput() const override;
 
-    /// The full diagnostics of any error value: its own, for a human-readable error; otherwise
-    /// its type name and its description.
-    static std::string fullDiagnosticsOf(const Error& error);
 
   private:
     std::vector<Error> errors_;
