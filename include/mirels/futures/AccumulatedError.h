@@ -33,7 +33,6 @@ class AccumulatedError final : public HumanReadableError {
     /// separated by "\n\n" + 30 equals signs + "\n\n".
     std::string fullDiagnosticsOutput() const override;
 
-
   private:
     std::vector<Error> errors_;
 };
