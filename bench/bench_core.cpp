@@ -15,44 +15,11 @@
 #include "mirels/core/Assertions.h"
 #include "mirels/core/CancellationToken.h"
 #include "mirels/core/ThreadSafe.h"
-
-// Counting replacements of the global allocation functions. GCC sees malloc behind new and free
-// behind delete once they inline and warns of a mismatch that is not there.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-
-namespace {
-std::atomic<long> allocations{0};
-}  // namespace
-
-void* operator new(std::size_t size) {
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-    throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
-}
+#include "support/BenchSupport.h"
 
 namespace {
 
-/// Reports allocations per iteration of the timed loop as a counter.
-class AllocationCounter {
-  public:
-    explicit AllocationCounter(benchmark::State& state)
-        : state_(state), start_(allocations.load()) {}
-    ~AllocationCounter() {
-        state_.counters["allocs/op"] =
-            benchmark::Counter(static_cast<double>(allocations.load() - start_) /
-                               static_cast<double>(state_.iterations()));
-    }
-
-  private:
-    benchmark::State& state_;
-    long start_;
-};
+using mirels::bench::AllocationCounter;
 
 // --- uncontended increment under each lock -------------------------------------------------
 
@@ -155,17 +122,6 @@ BENCHMARK(CancellationToken_makeAndCancel);
 
 }  // namespace
 
-// The library lives in multi-threaded processes. glibc takes its mutexes without atomic
-// instructions while a process has only one thread, which would flatter the std::mutex figures,
-// so one idle thread is started before any benchmark runs.
 int main(int argc, char** argv) {
-    std::promise<void> stop;
-    std::thread idle([done = stop.get_future()] { done.wait(); });
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    stop.set_value();
-    idle.join();
-    return 0;
+    return mirels::bench::runBenchmarks(argc, argv);
 }

@@ -18,13 +18,11 @@
 //
 // Every benchmark reports allocs/op: the allocations its thread made, per iteration.
 
-// The library's headers come first: core/Callsite.h declares __dso_handle, which GCC also
-// declares implicitly (with a conflicting linkage) once it has seen a function-local static with
-// a destructor, as Asio's and Boost's headers contain.
 #include "mirels/execution/OneShotTimer.h"
 #include "mirels/futures/ConcurrentFutureCache.h"
 #include "mirels/futures/Future.h"
 #include "mirels/futures/FutureSerialQueue.h"
+#include "support/BenchSupport.h"
 // clang-format off
 #include <benchmark/benchmark.h>
 #include <asio.hpp>
@@ -41,59 +39,10 @@
 #include <string>
 #include <thread>
 
-// Counting replacements of the global allocation functions. GCC sees malloc behind new and free
-// behind delete once they inline and warns of a mismatch that is not there.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-
-// Counted per thread, without atomic instructions, so that counting costs every contender the
-// same few cycles per allocation; every allocation that a benchmark measures is made on its own
-// thread.
-namespace {
-thread_local long allocations = 0;
-
-void* countedAllocate(std::size_t size) {
-    ++allocations;
-    if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-    throw std::bad_alloc();
-}
-}  // namespace
-
-void* operator new(std::size_t size) {
-    return countedAllocate(size);
-}
-void* operator new[](std::size_t size) {
-    return countedAllocate(size);
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-    std::free(p);
-}
-
 namespace {
 
 using namespace mirels;
-
-/// Reports the allocations per iteration of the timed loop as the counter allocs/op.
-class AllocationCounter {
-  public:
-    explicit AllocationCounter(benchmark::State& state) : state_(state), start_(allocations) {}
-    ~AllocationCounter() {
-        state_.counters["allocs/op"] = benchmark::Counter(
-            static_cast<double>(allocations - start_) / static_cast<double>(state_.iterations()));
-    }
-
-  private:
-    benchmark::State& state_;
-    long start_;
-};
+using mirels::bench::AllocationCounter;
 
 // --- round trip ---------------------------------------------------------------------------------
 
@@ -352,17 +301,6 @@ BENCHMARK(Cache_MirelsHit);
 
 }  // namespace
 
-// The library lives in multi-threaded processes. glibc takes its mutexes without atomic
-// instructions while a process has only one thread, which would flatter the std and Boost
-// figures, so one idle thread is started before any benchmark runs.
 int main(int argc, char** argv) {
-    std::promise<void> stop;
-    std::thread idle([done = stop.get_future()] { done.wait(); });
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    stop.set_value();
-    idle.join();
-    return 0;
+    return mirels::bench::runBenchmarks(argc, argv);
 }

@@ -11,18 +11,9 @@
 //   steady_timer (expires_after + async_wait + cancel) on an io_context run by a thread, with the
 //   timer reused or made afresh, and on an io_context polled by the benchmark thread.
 
-// The library's headers come first: core/Callsite.h declares __dso_handle, which GCC also
-// declares implicitly (with a conflicting linkage) once it has seen a function-local static with
-// a destructor, as Asio's headers contain.
-#include "mirels/execution/DispatchQueue.h"
-#include "mirels/execution/ExecutionLane.h"
-#include "mirels/execution/OneShotTimer.h"
-#include "mirels/execution/Thread.h"
-// clang-format off
 #include <benchmark/benchmark.h>
-#include <asio.hpp>
-// clang-format on
 
+#include <asio.hpp>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -36,64 +27,11 @@
 #include <optional>
 #include <thread>
 
-// ---------------------------------------------------------------------------------------------
-// Allocation counting: every global operator new of the process (the library's included) comes
-// through here and counts on the allocating thread.
-
-namespace {
-thread_local std::uint64_t allocationCount = 0;
-
-void* countedAllocate(std::size_t size) {
-    ++allocationCount;
-    if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-    throw std::bad_alloc();
-}
-
-void* countedAllocateAligned(std::size_t size, std::align_val_t alignment) {
-    ++allocationCount;
-    const auto align = static_cast<std::size_t>(alignment);
-    const std::size_t rounded = (size + align - 1) / align * align;
-    if (void* p = std::aligned_alloc(align, rounded == 0 ? align : rounded)) return p;
-    throw std::bad_alloc();
-}
-}  // namespace
-
-void* operator new(std::size_t size) {
-    return countedAllocate(size);
-}
-void* operator new[](std::size_t size) {
-    return countedAllocate(size);
-}
-void* operator new(std::size_t size, std::align_val_t alignment) {
-    return countedAllocateAligned(size, alignment);
-}
-void* operator new[](std::size_t size, std::align_val_t alignment) {
-    return countedAllocateAligned(size, alignment);
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::align_val_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, std::align_val_t) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, std::size_t, std::align_val_t) noexcept {
-    std::free(p);
-}
+#include "mirels/execution/DispatchQueue.h"
+#include "mirels/execution/ExecutionLane.h"
+#include "mirels/execution/OneShotTimer.h"
+#include "mirels/execution/Thread.h"
+#include "support/BenchSupport.h"
 
 namespace {
 
@@ -219,13 +157,13 @@ constexpr int kInlineBatch = 10'000;
 void InlineExecute_Any(benchmark::State& state) {
     const ExecutionLane lane = ExecutionLane::any();
     std::uint64_t sum = 0;
-    const std::uint64_t allocationsBefore = allocationCount;
+    const std::uint64_t allocationsBefore = mirels::bench::allocationCount;
     for (auto _ : state) {
         lane.execute([&sum] { ++sum; });
         benchmark::DoNotOptimize(sum);
     }
     state.counters["allocs_per_op"] =
-        benchmark::Counter(static_cast<double>(allocationCount - allocationsBefore) /
+        benchmark::Counter(static_cast<double>(mirels::bench::allocationCount - allocationsBefore) /
                            static_cast<double>(state.iterations()));
     state.SetItemsProcessed(state.iterations());
 }
@@ -237,13 +175,13 @@ void InlineExecute_MainOnMainThread(benchmark::State& state) {
     }
     const ExecutionLane lane = ExecutionLane::main();
     std::uint64_t sum = 0;
-    const std::uint64_t allocationsBefore = allocationCount;
+    const std::uint64_t allocationsBefore = mirels::bench::allocationCount;
     for (auto _ : state) {
         lane.execute([&sum] { ++sum; });
         benchmark::DoNotOptimize(sum);
     }
     state.counters["allocs_per_op"] =
-        benchmark::Counter(static_cast<double>(allocationCount - allocationsBefore) /
+        benchmark::Counter(static_cast<double>(mirels::bench::allocationCount - allocationsBefore) /
                            static_cast<double>(state.iterations()));
     state.SetItemsProcessed(state.iterations());
 }
@@ -260,14 +198,14 @@ void InlineExecute_CurrentQueue(benchmark::State& state) {
         double seconds = 0;
         lane.execute([&] {
             std::uint64_t sum = 0;
-            const std::uint64_t before = allocationCount;
+            const std::uint64_t before = mirels::bench::allocationCount;
             const auto start = std::chrono::steady_clock::now();
             for (int i = 0; i < kInlineBatch; ++i) {
                 lane.execute([&sum] { ++sum; });
                 benchmark::DoNotOptimize(sum);
             }
             const auto end = std::chrono::steady_clock::now();
-            allocations += allocationCount - before;
+            allocations += mirels::bench::allocationCount - before;
             notInline += static_cast<std::uint64_t>(kInlineBatch) - sum;
             seconds = std::chrono::duration<double>(end - start).count();
             done.store(true, std::memory_order_release);
@@ -356,4 +294,6 @@ BENCHMARK(TimerArmCancel_AsioSteadyTimerPolled);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    return mirels::bench::runBenchmarks(argc, argv);
+}
