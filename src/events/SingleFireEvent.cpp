@@ -1,0 +1,154 @@
+#include "mirels/events/SingleFireEvent.h"
+
+#include "mirels/core/Assertions.h"
+#include "mirels/core/Identifier.h"
+#include "mirels/futures/ConstantFuture.h"
+
+namespace mirels {
+
+namespace {
+
+// The library's own call sites of the event: where its future is made, where observer tokens are
+// made, where the future is canceled and where a refused completion is reported.
+Callsite futureCreationCallsite() noexcept {
+    return Callsite::library("init()");
+}
+Callsite observeCallsite() noexcept {
+    return Callsite::library("observe(_:)");
+}
+Callsite cancelCallsite() noexcept {
+    return Callsite::library("cancel()");
+}
+Callsite transitionCallsite() noexcept {
+    return Callsite::library("transition(to:)");
+}
+
+}  // namespace
+
+std::shared_ptr<SingleFireEvent> SingleFireEvent::create() {
+    return std::make_shared<SingleFireEvent>(Key{});
+}
+
+std::shared_ptr<CancellationToken> SingleFireEvent::observe(Observer observer) {
+    // The shared callable and the identifier are made before the lock: the first allocates and
+    // the second takes the identifier counter's lock.
+    SharedFunction<void()> shared(std::move(observer));
+    Identifier identifier;
+    bool added = state_.syncWrite([&](State& state) {
+        if (state.phase != Phase::waiting) return false;
+        state.observers.insert(identifier, shared);
+        return true;
+    });
+    if (!added) {
+        shared();
+        return nullptr;
+    }
+    // The token holds the event weakly: registrations must not keep it alive. Once the event has
+    // finished its observers are gone, so a cancel then needs no lock.
+    return CancellationToken::create(
+        [event = weak_from_this(), identifier] {
+            std::shared_ptr<SingleFireEvent> strong = event.lock();
+            if (strong == nullptr || strong->hasFinished()) return;
+            std::optional<SharedFunction<void()>> removed = strong->state_.syncWrite(
+                [&](State& state) { return state.observers.remove(identifier); });
+            // `removed` is destroyed here, after the lock is released.
+        },
+        observeCallsite());
+}
+
+void SingleFireEvent::observeUntilFiredOrCanceled(Observer observer) {
+    SharedFunction<void()> shared(std::move(observer));
+    Identifier identifier;
+    bool added = state_.syncWrite([&](State& state) {
+        if (state.phase != Phase::waiting) return false;
+        state.observers.insert(identifier, std::move(shared));
+        return true;
+    });
+    if (!added) shared();
+}
+
+void SingleFireEvent::keepUntilFiredOrCanceled(std::shared_ptr<CancellationToken> token) {
+    bool kept = state_.syncWrite([&](State& state) {
+        if (state.phase != Phase::waiting) return false;
+        state.keptTokens.push_back(std::move(token));
+        return true;
+    });
+    if (!kept) token->cancel();
+}
+
+std::optional<SingleFireEvent::Finishing> SingleFireEvent::finish(Phase to) {
+    return state_.syncWrite([&](State& state) -> std::optional<Finishing> {
+        if (state.phase != Phase::waiting) return std::nullopt;
+        state.phase = to;
+        phase_.store(to, std::memory_order_release);
+        return Finishing{std::move(state.observers), std::move(state.keptTokens), state.promise};
+    });
+}
+
+void SingleFireEvent::fire() {
+    // Held while finishing: an observer may drop the last other reference to the event.
+    std::shared_ptr<SingleFireEvent> self = shared_from_this();
+    std::optional<Finishing> finishing = finish(Phase::fired);
+    if (!finishing) return;
+    finishing->notify();
+    finishing->succeedFuture();
+    finishing->cancelKeptTokens();
+}
+
+void SingleFireEvent::cancel() {
+    std::shared_ptr<SingleFireEvent> self = shared_from_this();
+    std::optional<Finishing> finishing = finish(Phase::canceled);
+    if (!finishing) return;
+    finishing->cancelKeptTokens();
+    finishing->cancelFuture();
+}
+
+Future<void> SingleFireEvent::future() const {
+    return Future<void>(state_.syncWrite([](State& state) {
+        if (state.future == nullptr) {
+            switch (state.phase) {
+                case Phase::waiting:
+                    state.promise = PromiseFuture<void>::create(futureCreationCallsite());
+                    state.future = state.promise;
+                    break;
+                case Phase::fired:
+                    state.future =
+                        ConstantFuture<void>::create(FutureTermination<void>::succeeded(),
+                                                     futureCreationCallsite())
+                            .object();
+                    break;
+                case Phase::canceled:
+                    state.future = ConstantFuture<void>::create(
+                                       FutureTermination<void>::canceled(cancelCallsite()),
+                                       futureCreationCallsite())
+                                       .object();
+                    break;
+            }
+        }
+        return state.future;
+    }));
+}
+
+void SingleFireEvent::Finishing::succeedFuture() const {
+    if (promise == nullptr) return;
+    try {
+        promise->tryTransition(FutureTermination<void>::succeeded());
+    } catch (const PromiseFuture<void>::TransitionError&) {
+        detail::reportSoftAssertionFailure(transitionCallsite());
+    }
+}
+
+void SingleFireEvent::Finishing::cancelFuture() const {
+    if (promise == nullptr) return;
+    try {
+        promise->tryTransition(FutureTermination<void>::canceled(cancelCallsite()));
+    } catch (const PromiseFuture<void>::TransitionError&) {
+        detail::reportSoftAssertionFailure(transitionCallsite());
+    }
+}
+
+void SingleFireEvent::Finishing::cancelKeptTokens() const {
+    for (const auto& token : keptTokens) token->cancel();
+}
+
+}  // namespace mirels
