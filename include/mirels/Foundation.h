@@ -41,6 +41,7 @@
 #include "mirels/errors/PlatformError.h"
 #include "mirels/events/EventStream.h"
 #include "mirels/events/EventStreamOperators.h"
+#include "mirels/events/Invalidatable.h"
 #include "mirels/events/ObjcSingleFireEvent.h"
 #include "mirels/events/Observable.h"
 #include "mirels/events/SharedFunction.h"
