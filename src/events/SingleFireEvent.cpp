@@ -1,7 +1,6 @@
 #include "mirels/events/SingleFireEvent.h"
 
 #include "mirels/core/Assertions.h"
-#include "mirels/core/Identifier.h"
 #include "mirels/futures/ConstantFuture.h"
 
 namespace mirels {
@@ -29,42 +28,50 @@ std::shared_ptr<SingleFireEvent> SingleFireEvent::create() {
     return std::make_shared<SingleFireEvent>(Key{});
 }
 
-std::shared_ptr<CancellationToken> SingleFireEvent::observe(Observer observer) {
-    // The shared callable and the identifier are made before the lock: the first allocates and
-    // the second takes the identifier counter's lock.
-    SharedFunction<void()> shared(std::move(observer));
-    Identifier identifier;
-    bool added = state_.syncWrite([&](State& state) {
-        if (state.phase != Phase::waiting) return false;
-        state.observers.insert(identifier, shared);
-        return true;
+SingleFireEvent::SingleFireEvent(Key) : state_(State{}) {}
+
+std::optional<std::uint64_t> SingleFireEvent::add(Observer& observer, bool numbered) {
+    return state_.syncWrite([&](State& state) -> std::optional<std::uint64_t> {
+        if (state.phase != Phase::waiting) return std::nullopt;
+        std::uint64_t number = numbered ? ++state.lastNumber : 0;
+        if (state.observers.capacity() == 0) state.observers.reserve(4);
+        state.observers.push_back(Registration{number, std::move(observer)});
+        return number;
     });
-    if (!added) {
-        shared();
+}
+
+void SingleFireEvent::remove(std::uint64_t number) {
+    Observer removed;
+    state_.syncWrite([&](State& state) {
+        for (auto it = state.observers.begin(); it != state.observers.end(); ++it) {
+            if (it->number == number) {
+                removed = std::move(it->observer);
+                state.observers.erase(it);
+                return;
+            }
+        }
+    });
+    // `removed` (and what it captured) is destroyed here, after the lock is released.
+}
+
+std::shared_ptr<CancellationToken> SingleFireEvent::observe(Observer observer) {
+    std::optional<std::uint64_t> number = add(observer, true);
+    if (!number) {
+        observer();
         return nullptr;
     }
     // The token holds the event weakly: registrations must not keep it alive. Once the event has
     // finished its observers are gone, so a cancel then needs no lock.
     return CancellationToken::create(
-        [event = weak_from_this(), identifier] {
+        [event = weak_from_this(), number = *number] {
             std::shared_ptr<SingleFireEvent> strong = event.lock();
-            if (strong == nullptr || strong->hasFinished()) return;
-            std::optional<SharedFunction<void()>> removed = strong->state_.syncWrite(
-                [&](State& state) { return state.observers.remove(identifier); });
-            // `removed` is destroyed here, after the lock is released.
+            if (strong != nullptr && !strong->hasFinished()) strong->remove(number);
         },
         observeCallsite());
 }
 
 void SingleFireEvent::observeUntilFiredOrCanceled(Observer observer) {
-    SharedFunction<void()> shared(std::move(observer));
-    Identifier identifier;
-    bool added = state_.syncWrite([&](State& state) {
-        if (state.phase != Phase::waiting) return false;
-        state.observers.insert(identifier, std::move(shared));
-        return true;
-    });
-    if (!added) shared();
+    if (!add(observer, false)) observer();
 }
 
 void SingleFireEvent::keepUntilFiredOrCanceled(std::shared_ptr<CancellationToken> token) {
@@ -85,9 +92,9 @@ std::optional<SingleFireEvent::Finishing> SingleFireEvent::finish(Phase to) {
     });
 }
 
+// Firing and canceling touch nothing of the event after `finish`: observers may drop the last
+// reference to it.
 void SingleFireEvent::fire() {
-    // Held while finishing: an observer may drop the last other reference to the event.
-    std::shared_ptr<SingleFireEvent> self = shared_from_this();
     std::optional<Finishing> finishing = finish(Phase::fired);
     if (!finishing) return;
     finishing->notify();
@@ -96,7 +103,6 @@ void SingleFireEvent::fire() {
 }
 
 void SingleFireEvent::cancel() {
-    std::shared_ptr<SingleFireEvent> self = shared_from_this();
     std::optional<Finishing> finishing = finish(Phase::canceled);
     if (!finishing) return;
     finishing->cancelKeptTokens();

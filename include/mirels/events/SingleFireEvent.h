@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -8,8 +9,6 @@
 #include "mirels/core/CancellationToken.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/core/UniqueFunction.h"
-#include "mirels/events/SharedFunction.h"
-#include "mirels/events/SubscriberCollection.h"
 #include "mirels/futures/PromiseFuture.h"
 
 namespace mirels {
@@ -39,7 +38,7 @@ class SingleFireEvent final : public std::enable_shared_from_this<SingleFireEven
 
     static std::shared_ptr<SingleFireEvent> create();
 
-    explicit SingleFireEvent(Key) noexcept {}
+    explicit SingleFireEvent(Key);
     SingleFireEvent(const SingleFireEvent&) = delete;
     SingleFireEvent& operator=(const SingleFireEvent&) = delete;
 
@@ -83,11 +82,22 @@ class SingleFireEvent final : public std::enable_shared_from_this<SingleFireEven
     friend class InvalidationHandle;
 
     enum class Phase : unsigned char { waiting, fired, canceled };
-    using Observers = SubscriberCollection<SharedFunction<void()>>;
+
+    /// One registered observer. Observers without a token share the number 0.
+    struct Registration {
+        std::uint64_t number;
+        Observer observer;
+    };
+    /// The observers in registration order. A plain vector rather than a keyed collection:
+    /// an event has few observers, is fired once, and must fire without allocating; removing
+    /// one by its number is a short scan.
+    using Observers = std::vector<Registration>;
 
     struct State {
         Phase phase = Phase::waiting;
         Observers observers;
+        /// The last number given to an observer with a token.
+        std::uint64_t lastNumber = 0;
         std::vector<std::shared_ptr<CancellationToken>> keptTokens;
         /// Made on the first request of `future()` while waiting, and finished with the event.
         std::shared_ptr<PromiseFuture<void>> promise;
@@ -103,7 +113,9 @@ class SingleFireEvent final : public std::enable_shared_from_this<SingleFireEven
         std::shared_ptr<PromiseFuture<void>> promise;
 
         /// Calls the observers in registration order.
-        void notify() const { observers.notify(); }
+        void notify() {
+            for (Registration& registration : observers) registration.observer();
+        }
         /// Succeeds the future, when one was made.
         void succeedFuture() const;
         /// Cancels the future, when one was made.
@@ -111,6 +123,12 @@ class SingleFireEvent final : public std::enable_shared_from_this<SingleFireEven
         /// Cancels the kept tokens in order.
         void cancelKeptTokens() const;
     };
+
+    /// Adds `observer` under a new number (or 0 when `numbered` is false) and returns the
+    /// number; absent, with `observer` untouched, when the event has finished.
+    std::optional<std::uint64_t> add(Observer& observer, bool numbered);
+    /// Removes the observer numbered `number`, if still there.
+    void remove(std::uint64_t number);
 
     /// Moves the event to `to` under the lock and returns what the caller must act on; absent
     /// when the event had finished already.
