@@ -16,6 +16,7 @@ namespace mirels {
 struct Error::Foreign final : Box {
     std::exception_ptr pointer;
 
+    // NOLINTNEXTLINE(bugprone-throw-keyword-missing): holds a thrown object, makes none
     explicit Foreign(std::exception_ptr p) : pointer(std::move(p)) {
         foreign = true;
         try {

@@ -13,17 +13,18 @@ std::pair<std::string, std::string> exceptionTexts(const std::exception_ptr& exc
 
 }  // namespace
 
-QKExceptionError::QKExceptionError(std::exception_ptr exception)
+QKExceptionError::QKExceptionError(const std::exception_ptr& exception)
     : QKExceptionError(exception, exceptionTexts(exception)) {}
 
 QKExceptionError::QKExceptionError(std::exception_ptr exception,
-                                   std::pair<std::string, std::string> texts)
+                                   const std::pair<std::string, std::string>& texts)
     : PlatformError(std::string(mirelsExceptionErrorDomain), 0,
                     UserInfo{{std::string(localizedDescriptionKey), PlistValue(texts.first)},
                              {std::string(localizedFailureReasonKey), PlistValue(texts.second)}}),
       exception_(std::move(exception)) {}
 
-QKExceptionError::QKExceptionError(std::string domain, std::int64_t code, UserInfo /*userInfo*/)
+QKExceptionError::QKExceptionError(const std::string& domain, std::int64_t code,
+                                   const UserInfo& /*userInfo*/)
     : QKExceptionError(std::make_exception_ptr(NamedException(
           "No exception specified",
           formatErrorText("QKExceptionError instantiated for domain %@ with code %zd.", domain,
@@ -37,14 +38,14 @@ std::string QKExceptionError::exceptionReason() const {
     return userInfoText(localizedFailureReasonKey).value_or(std::string());
 }
 
-QKExceptionError QKExceptionError::qk_errorWithUserInfo(UserInfo userInfo) {
-    return QKExceptionError(std::string(mirelsErrorDomain), -1, std::move(userInfo));
+QKExceptionError QKExceptionError::qk_errorWithUserInfo(const UserInfo& userInfo) {
+    return QKExceptionError(std::string(mirelsErrorDomain), -1, userInfo);
 }
 
 QKExceptionError QKExceptionError::qk_errorWithDescription(std::string description) {
     UserInfo userInfo;
     userInfo.emplace(std::string(localizedDescriptionKey), PlistValue(std::move(description)));
-    return qk_errorWithUserInfo(std::move(userInfo));
+    return qk_errorWithUserInfo(userInfo);
 }
 
 std::optional<std::string> QKExceptionHandlingError::additionalDiagnostics() const {

@@ -120,7 +120,7 @@ void InvalidationHandle::deliverTrace(const Link& link, TraceCallback callback) 
         [link, callback = std::move(callback)](const InvalidationTrace& rest) mutable {
             InvalidationTrace trace;
             trace.links.reserve(rest.links.size() + 1);
-            trace.links.push_back(std::move(link));
+            trace.links.push_back(link);
             trace.links.insert(trace.links.end(), rest.links.begin(), rest.links.end());
             callback(trace);
         });

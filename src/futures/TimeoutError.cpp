@@ -60,7 +60,8 @@ std::optional<double> parseWholeNumber(const char* text) {
 
 double effectiveTimeout(double timeout) {
     static const std::optional<double> override = [] {
-        const char* text = getenv("QK_TIMEOUT");
+        // Read once; the library never changes the environment.
+        const char* text = getenv("QK_TIMEOUT");  // NOLINT(concurrency-mt-unsafe)
         return text != nullptr ? parseWholeNumber(text) : std::nullopt;
     }();
     return override.value_or(timeout);

@@ -11,7 +11,7 @@ namespace mirels {
 namespace {
 
 // A version record is a few hundred bytes; anything far larger is not one.
-constexpr std::uintmax_t maximumVersionFileSize = 1024 * 1024;
+constexpr std::uintmax_t maximumVersionFileSize = std::uintmax_t{1024} * 1024;
 
 }  // namespace
 

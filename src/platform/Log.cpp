@@ -549,7 +549,7 @@ void emitLog(LogLevel level, std::string_view subsystem, std::string_view catego
         // Logging never fails its caller.
     }
     if (useShared) {
-        if (buffer.capacity() > 16 * 1024) buffer = std::string();
+        if (buffer.capacity() > std::size_t{16} * 1024) buffer = std::string();
         bufferInUse = false;
     }
 }

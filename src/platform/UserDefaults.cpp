@@ -22,7 +22,7 @@ namespace mirels {
 namespace {
 
 // A preferences file larger than this is not read (it is not one this store wrote).
-constexpr off_t maximumFileSize = 64 * 1024 * 1024;
+constexpr off_t maximumFileSize = off_t{64} * 1024 * 1024;
 
 const Logger& defaultsLog() {
     static const auto* logger = new Logger(std::string(UserDefaults::standardDomain), "defaults");
@@ -42,6 +42,8 @@ void checkDomain(std::string_view domain) {
 }
 
 std::filesystem::path homeDirectory() {
+    // The library never changes the environment; getenv only races a caller's own setenv.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
     if (const char* home = ::getenv("HOME"); home != nullptr && *home != '\0') return home;
     std::vector<char> buffer(16384);
     passwd entry{};
@@ -126,6 +128,7 @@ UserDefaults::UserDefaults(std::string domain, std::filesystem::path file)
 std::filesystem::path UserDefaults::fileForDomain(std::string_view domain) {
     std::filesystem::path base;
     // A relative XDG_CONFIG_HOME is not valid and is ignored, as other XDG programs do.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): as for HOME above
     if (const char* config = ::getenv("XDG_CONFIG_HOME"); config != nullptr && config[0] == '/') {
         base = config;
     } else {

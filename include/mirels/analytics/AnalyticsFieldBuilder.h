@@ -125,7 +125,7 @@ class AnalyticsFieldBuilder {
 
     /// One `{key, value}` line of a block.
     struct Entry {
-        Entry(std::string_view key, Value value) : key(key), value(value.value()) {}
+        Entry(std::string_view key, const Value& value) : key(key), value(value.value()) {}
 
         std::string key;
         AnalyticsValue value;

@@ -113,6 +113,7 @@ bool assertTrue(Condition&& condition, Callsite callsite = Callsite::current()) 
     return false;
 }
 
+// NOLINTBEGIN(bugprone-macro-parentheses): `label` names a parameter, it is no expression
 #define MIRELS_DEFINE_COMPARISON_ASSERTION(name, label, op)                          \
     template <class A, class B>                                                      \
         requires requires(const A& a, const B& b) {                                  \
@@ -132,6 +133,7 @@ MIRELS_DEFINE_COMPARISON_ASSERTION(assertLessOrEqual, to, <=)
 MIRELS_DEFINE_COMPARISON_ASSERTION(assertGreater, than, >)
 MIRELS_DEFINE_COMPARISON_ASSERTION(assertGreaterOrEqual, to, >=)
 #undef MIRELS_DEFINE_COMPARISON_ASSERTION
+// NOLINTEND(bugprone-macro-parentheses)
 
 /// Two object references (raw or smart pointers, or nullptr) are the same object, or both
 /// absent. Objects with equal contents but different identities fail.

@@ -50,13 +50,13 @@ class NamedException : public std::exception {
 class QKExceptionError : public PlatformError {
   public:
     /// Builds the error from a caught exception (`std::current_exception()` in a `catch`).
-    explicit QKExceptionError(std::exception_ptr exception);
+    explicit QKExceptionError(const std::exception_ptr& exception);
 
     /// The platform error's domain, code and user-info constructor, which is never used for
     /// real errors: every instance must have an exception, so this one makes a placeholder named
     /// "No exception specified" with the reason "QKExceptionError instantiated for domain <domain>
     /// with code <code>." and proceeds as the exception constructor. The arguments are not kept.
-    QKExceptionError(std::string domain, std::int64_t code, UserInfo userInfo = {});
+    QKExceptionError(const std::string& domain, std::int64_t code, const UserInfo& userInfo = {});
 
     /// The caught exception.
     const std::exception_ptr& exception() const noexcept { return exception_; }
@@ -65,7 +65,7 @@ class QKExceptionError : public PlatformError {
     std::string exceptionReason() const;
 
     // The library's factory additions, returning this class (a placeholder exception each).
-    static QKExceptionError qk_errorWithUserInfo(UserInfo userInfo);
+    static QKExceptionError qk_errorWithUserInfo(const UserInfo& userInfo);
     static QKExceptionError qk_errorWithDescription(std::string description);
     template <class... Args>
     static QKExceptionError qk_errorWithFormat(std::string_view format, const Args&... args) {
@@ -73,7 +73,8 @@ class QKExceptionError : public PlatformError {
     }
 
   private:
-    QKExceptionError(std::exception_ptr exception, std::pair<std::string, std::string> texts);
+    QKExceptionError(std::exception_ptr exception,
+                     const std::pair<std::string, std::string>& texts);
 
     std::exception_ptr exception_;
 };

@@ -194,7 +194,10 @@ class AbstractFuture {
     /// The termination of a finished future, read in place; null while running. A finished
     /// future never changes, so the pointer stays valid for as long as the future lives.
     const Termination* terminationIfFinished() const noexcept {
-        return finished_.load(std::memory_order_acquire) ? &*termination_ : nullptr;
+        // The acquire load of `finished_` is what makes the engaged optional visible here.
+        return finished_.load(std::memory_order_acquire)
+                   ? &*termination_  // NOLINT(bugprone-unchecked-optional-access)
+                   : nullptr;
     }
 
     /// Where the future was made.
@@ -289,6 +292,8 @@ class AbstractFuture {
         }
         const MonotonicTimestamp finishTime = detail::futureClockNow();
         std::shared_ptr<AbstractFuture> retained;
+        // Only constant futures have no activity, and they are finished from birth.
+        // NOLINTNEXTLINE(bugprone-unchecked-optional-access)
         const bool finished = activity_->syncWrite(
             [&](Activity& activity) {
                 if (finished_.load(std::memory_order_relaxed)) {
@@ -305,6 +310,7 @@ class AbstractFuture {
         if (!finished) return false;
         // The observer list is this thread's alone now: registrations see the future finished
         // and no longer touch it.
+        // NOLINTNEXTLINE(bugprone-unchecked-optional-access): as above
         Activity& activity = activity_->unsafeWrite([](Activity& a) -> Activity& { return a; });
         if (!activity.observers.empty()) {
             activity.observers.forEach([&](ObserverEntry& entry) {
