@@ -86,6 +86,7 @@ TEST(PropertyList, TypedValuesRoundTripThroughTheirPlainForms) {
     list.archiveValue(std::map<Fruit, Level>{{Fruit::pear, Level::high}}, "levels");
     list.archiveValue(Rect{{1, 2}, {3, 4}}, "rect");
     list.archiveValue(HumanReadableErrorOptions::showTitleOnly, "options");
+    list.archiveValue(Identifier(-42), "identifier");
     list.archiveValue(Profile{"Ada", id, {Fruit::apple, Fruit::pear}}, "profile");
 
     EXPECT_EQ(list.unarchiveValue<std::string>("string"), "text");
@@ -104,6 +105,7 @@ TEST(PropertyList, TypedValuesRoundTripThroughTheirPlainForms) {
     EXPECT_EQ(list.unarchiveValue<Rect>("rect"), (Rect{{1, 2}, {3, 4}}));
     EXPECT_EQ(list.unarchiveValue<HumanReadableErrorOptions>("options"),
               HumanReadableErrorOptions::showTitleOnly);
+    EXPECT_EQ(list.unarchiveValue<Identifier>("identifier"), Identifier(-42));
     EXPECT_EQ(list.unarchiveValue<Profile>("profile"),
               (Profile{"Ada", id, {Fruit::apple, Fruit::pear}}));
 

@@ -18,6 +18,7 @@
 
 #include "mirels/core/Callsite.h"
 #include "mirels/core/FatalError.h"
+#include "mirels/core/Identifier.h"
 #include "mirels/core/TypeName.h"
 #include "mirels/plist/PlistValue.h"
 
@@ -756,5 +757,15 @@ inline PropertyList PlainKind<PropertyList>::read(const PlistValue& value,
 }
 
 }  // namespace detail
+
+/// Process identifiers are stored as their number, so they cross processes unchanged.
+template <>
+struct PropertyListTraits<Identifier> {
+    using PropertyListType = std::int64_t;
+    static std::int64_t propertyListValue(Identifier id) noexcept { return id.identifier; }
+    static Identifier fromPropertyListValue(std::int64_t value) noexcept {
+        return Identifier(value);
+    }
+};
 
 }  // namespace mirels
