@@ -22,28 +22,12 @@
 #include <vector>
 
 #include "mirels/events/SingleFireEvent.h"
-
-// Counting replacements of the global allocation functions. GCC sees malloc behind new and free
-// behind delete once they inline and warns of a mismatch that is not there.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#include "support/BenchSupport.h"
 
 namespace {
-std::atomic<long> allocations{0};
-}  // namespace
 
-void* operator new(std::size_t size) {
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-    throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
-}
-
-namespace {
+using mirels::bench::allocationCount;
+using mirels::bench::AllocationCounter;
 
 constexpr int observerCount = 10;
 constexpr int batch = 64;
@@ -100,11 +84,11 @@ void fireBatches(benchmark::State& state, Make make, Fire fire) {
     long fires = 0;
     for (auto _ : state) {
         auto latches = make();
-        long before = allocations.load(std::memory_order_relaxed);
+        const std::uint64_t before = allocationCount;
         auto start = std::chrono::steady_clock::now();
         for (auto& latch : latches) fire(latch);
         auto elapsed = std::chrono::steady_clock::now() - start;
-        fireAllocations += allocations.load(std::memory_order_relaxed) - before;
+        fireAllocations += static_cast<long>(allocationCount - before);
         fires += batch;
         state.SetIterationTime(std::chrono::duration<double>(elapsed).count());
     }
@@ -173,22 +157,6 @@ BENCHMARK(Signals2_fire10)->UseManualTime();
 
 // --- the whole life of one latch -------------------------------------------------------------
 
-/// Reports allocations per iteration of the timed loop as a counter.
-class AllocationCounter {
-  public:
-    explicit AllocationCounter(benchmark::State& state)
-        : state_(state), start_(allocations.load()) {}
-    ~AllocationCounter() {
-        state_.counters["allocs/op"] =
-            benchmark::Counter(static_cast<double>(allocations.load() - start_) /
-                               static_cast<double>(state_.iterations()));
-    }
-
-  private:
-    benchmark::State& state_;
-    long start_;
-};
-
 void SingleFireEvent_cycle10(benchmark::State& state) {
     long calls = 0;
     AllocationCounter counter(state);
@@ -244,17 +212,6 @@ BENCHMARK(Signals2_cycle10);
 
 }  // namespace
 
-// The library lives in multi-threaded processes. glibc takes its mutexes without atomic
-// instructions while a process has only one thread, which would flatter the std::mutex figures,
-// so one idle thread is started before any benchmark runs.
 int main(int argc, char** argv) {
-    std::promise<void> stop;
-    std::thread idle([done = stop.get_future()] { done.wait(); });
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    stop.set_value();
-    idle.join();
-    return 0;
+    return mirels::bench::runBenchmarks(argc, argv);
 }
