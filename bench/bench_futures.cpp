@@ -270,11 +270,13 @@ void SerialQueue_MirelsEnqueueFinished(benchmark::State& state) {
     const auto operations = state.range(0);
     auto queue = FutureSerialQueue<int>::create(ExecutionLane::any());
     long sink = 0;
-    AllocationCounter counter(state);
-    for (auto _ : state) {
-        for (int64_t i = 0; i < operations; ++i) {
-            sink +=
-                queue->enqueue([] { return Future<int>::succeeded(1); }).hasFinishedSuccessfully();
+    {
+        AllocationCounter counter(state);
+        for (auto _ : state) {
+            for (int64_t i = 0; i < operations; ++i) {
+                sink += queue->enqueue([] { return Future<int>::succeeded(1); })
+                            .hasFinishedSuccessfully();
+            }
         }
     }
     state.SetItemsProcessed(state.iterations() * operations);

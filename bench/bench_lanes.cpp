@@ -6,7 +6,7 @@
 //   built from std::mutex + std::condition_variable + std::deque with one consumer thread, and
 //   an Asio strand over asio::thread_pool.
 // - InlineExecute/*: execute on a lane that is current (any, the current queue, main on the main
-//   thread), with the allocations made per execute as the counter allocs_per_op.
+//   thread), with the allocations made per execute as the counter allocs/op.
 // - TimerArmCancel/*: arm a one-shot timer far in the future and cancel it, against an Asio
 //   steady_timer (expires_after + async_wait + cancel) on an io_context run by a thread, with the
 //   timer reused or made afresh, and on an io_context polled by the benchmark thread.
@@ -36,6 +36,7 @@
 namespace {
 
 using namespace mirels;
+using mirels::bench::AllocationCounter;
 
 constexpr int kItems = 100'000;
 
@@ -154,18 +155,21 @@ BENCHMARK(Throughput_AsioStrand)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 constexpr int kInlineBatch = 10'000;
 
-void InlineExecute_Any(benchmark::State& state) {
-    const ExecutionLane lane = ExecutionLane::any();
-    std::uint64_t sum = 0;
-    const std::uint64_t allocationsBefore = mirels::bench::allocationCount;
-    for (auto _ : state) {
-        lane.execute([&sum] { ++sum; });
-        benchmark::DoNotOptimize(sum);
+/// Times executes on `lane` from a thread where it is current, counting their allocations.
+void timeInlineExecutes(benchmark::State& state, const ExecutionLane& lane) {
+    {
+        AllocationCounter counter(state);  // closed before SetItemsProcessed, which allocates
+        std::uint64_t sum = 0;
+        for (auto _ : state) {
+            lane.execute([&sum] { ++sum; });
+            benchmark::DoNotOptimize(sum);
+        }
     }
-    state.counters["allocs_per_op"] =
-        benchmark::Counter(static_cast<double>(mirels::bench::allocationCount - allocationsBefore) /
-                           static_cast<double>(state.iterations()));
     state.SetItemsProcessed(state.iterations());
+}
+
+void InlineExecute_Any(benchmark::State& state) {
+    timeInlineExecutes(state, ExecutionLane::any());
 }
 
 void InlineExecute_MainOnMainThread(benchmark::State& state) {
@@ -173,17 +177,7 @@ void InlineExecute_MainOnMainThread(benchmark::State& state) {
         state.SkipWithError("not run on the main thread");
         return;
     }
-    const ExecutionLane lane = ExecutionLane::main();
-    std::uint64_t sum = 0;
-    const std::uint64_t allocationsBefore = mirels::bench::allocationCount;
-    for (auto _ : state) {
-        lane.execute([&sum] { ++sum; });
-        benchmark::DoNotOptimize(sum);
-    }
-    state.counters["allocs_per_op"] =
-        benchmark::Counter(static_cast<double>(mirels::bench::allocationCount - allocationsBefore) /
-                           static_cast<double>(state.iterations()));
-    state.SetItemsProcessed(state.iterations());
+    timeInlineExecutes(state, ExecutionLane::main());
 }
 
 // The executes must happen on the lane's own queue, so each benchmark iteration is one callback
@@ -216,8 +210,7 @@ void InlineExecute_CurrentQueue(benchmark::State& state) {
     }
     if (notInline != 0) state.SkipWithError("an execute on the current queue did not run inline");
     const double executes = static_cast<double>(state.iterations()) * kInlineBatch;
-    state.counters["allocs_per_op"] =
-        benchmark::Counter(static_cast<double>(allocations) / executes);
+    state.counters["allocs/op"] = benchmark::Counter(static_cast<double>(allocations) / executes);
     state.SetItemsProcessed(state.iterations() * kInlineBatch);
 }
 

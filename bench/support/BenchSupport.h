@@ -38,6 +38,8 @@ inline void* countedAllocateAligned(std::size_t size, std::align_val_t alignment
 }
 
 /// Reports the allocations this thread made per iteration of the timed loop as "allocs/op".
+/// Everything between its construction and its destruction counts, so close its scope right
+/// after the loop: `SetItemsProcessed` and the counters themselves allocate.
 class AllocationCounter {
   public:
     explicit AllocationCounter(benchmark::State& state) : state_(state), start_(allocationCount) {}
