@@ -572,7 +572,9 @@ bool ChildProcess::launchAndReturnError(std::optional<Error>* error) {
     // blocks (a parent that ignores SIGPIPE must not hand that on).
     sigset_t everySignal;
     sigset_t noSignal;
-    sigfillset(&everySignal);
+    // Every bit, not `sigfillset`: that leaves out the two real-time signals glibc keeps for
+    // itself, which its spawn would then hand to the program as ignored.
+    std::memset(&everySignal, 0xFF, sizeof everySignal);
     sigemptyset(&noSignal);
     short flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
     posix_spawnattr_setsigdefault(&attributes, &everySignal);
