@@ -99,14 +99,14 @@ class SigpipeSuppressor {
 };
 
 constexpr std::size_t maximumRead = std::size_t{1} << 20;
-constexpr std::size_t smallRead = 64 * 1024;
+constexpr std::size_t smallRead = std::size_t{64} * 1024;
 
 }  // namespace
 
 // --- ProcessError ---
 
 ProcessError::ProcessError(Step step, std::string path, int systemErrorNumber,
-                           std::string directory)
+                           const std::string& directory)
     : step_(step),
       path_(std::move(path)),
       errno_(systemErrorNumber),
@@ -629,7 +629,8 @@ bool ChildProcess::launchAndReturnError(std::optional<Error>* error) {
 
 void ChildProcess::launch() {
     std::optional<Error> error;
-    if (!launchAndReturnError(&error)) error->rethrow();
+    if (launchAndReturnError(&error)) return;
+    if (error) error->rethrow();
 }
 
 pid_t ChildProcess::processIdentifier() const noexcept {

@@ -25,26 +25,32 @@ thread_local bool onLoopThread = false;
 constexpr std::uint64_t wakeToken = 0;
 }  // namespace
 
+namespace {
+using LoopObject = std::variant<std::shared_ptr<ChildProcess>, std::shared_ptr<FileHandle>>;
+
+struct LoopTimer {
+    std::uint64_t deadline;
+    std::uint64_t sequence;  // keeps equal deadlines in arming order
+    // Shared so that the heap can copy entries; only the loop thread runs it.
+    std::shared_ptr<UniqueFunction<void()>> action;
+    bool operator>(const LoopTimer& other) const noexcept {
+        return deadline != other.deadline ? deadline > other.deadline : sequence > other.sequence;
+    }
+};
+
+struct LoopState {
+    std::unordered_map<std::uint64_t, LoopObject> entries;
+    std::uint64_t nextToken = 1;
+    std::priority_queue<LoopTimer, std::vector<LoopTimer>, std::greater<>> timers;
+    std::uint64_t timerSequence = 0;
+};
+
+}  // namespace
+
 struct ProcessIOLoop::Impl {
-    using Object = std::variant<std::shared_ptr<ChildProcess>, std::shared_ptr<FileHandle>>;
-
-    struct Timer {
-        std::uint64_t deadline;
-        std::uint64_t sequence;  // keeps equal deadlines in arming order
-        // Shared so that the heap can copy entries; only the loop thread runs it.
-        std::shared_ptr<UniqueFunction<void()>> action;
-        bool operator>(const Timer& other) const noexcept {
-            return deadline != other.deadline ? deadline > other.deadline
-                                              : sequence > other.sequence;
-        }
-    };
-
-    struct State {
-        std::unordered_map<std::uint64_t, Object> entries;
-        std::uint64_t nextToken = 1;
-        std::priority_queue<Timer, std::vector<Timer>, std::greater<>> timers;
-        std::uint64_t timerSequence = 0;
-    };
+    using Object = LoopObject;
+    using State = LoopState;
+    using Timer = LoopTimer;
 
     int epoll = -1;
     int wake = -1;

@@ -62,7 +62,7 @@ class ProcessError final : public HumanReadableError {
     };
 
     ProcessError(Step step, std::string path, int systemErrorNumber,
-                 std::string directory = std::string());
+                 const std::string& directory = std::string());
 
     Step step() const noexcept { return step_; }
     /// The program's path, or for `descriptor` the operation that failed.
@@ -82,6 +82,16 @@ class ProcessError final : public HumanReadableError {
     int errno_;
     std::string title_;
 };
+
+class FileHandle;
+
+namespace detail {
+/// What a `FileHandle` guards with its lock.
+struct FileHandleState {
+    std::function<void(FileHandle&)> handler;
+    std::uint64_t watchToken = 0;  // 0 when not watched
+};
+}  // namespace detail
 
 /// An open file descriptor owned by the library (closed when the handle goes away), with a
 /// readability handler watched by the process I/O thread.
@@ -138,10 +148,7 @@ class FileHandle final : public std::enable_shared_from_this<FileHandle> {
     friend class detail::ProcessIOLoop;
     friend class ChildProcess;
 
-    struct State {
-        ReadabilityHandler handler;
-        std::uint64_t watchToken = 0;  // 0 when not watched
-    };
+    using State = detail::FileHandleState;
 
     /// Calls the handler once; removes it when the read found the end of the file.
     void dispatchReadable();
@@ -219,6 +226,28 @@ enum class ProcessTerminationReason : std::uint8_t {
     /// A signal ended it; the termination status is the signal number.
     uncaughtSignal = 2,
 };
+
+namespace detail {
+enum class ChildProcessPhase : std::uint8_t { configuring, launching, running, terminated };
+
+/// What a `ChildProcess` guards with its lock: the configuration, then the state of the child.
+struct ChildProcessState {
+    std::optional<std::string> executable;
+    std::vector<std::string> arguments;
+    std::optional<std::map<std::string, std::string>> environment;
+    std::optional<std::string> directory;
+    ProcessStandardStream input;
+    ProcessStandardStream output;
+    ProcessStandardStream error;
+    QualityOfService qos = QualityOfService::standard;
+    std::function<void(ChildProcess&)> handler;
+    ChildProcessPhase phase = ChildProcessPhase::configuring;
+    int pidfd = -1;
+    int suspendCount = 0;
+    int status = 0;
+    ProcessTerminationReason reason = ProcessTerminationReason::exit;
+};
+}  // namespace detail
 
 /// One child process: configured, launched once, then observed until it ends.
 ///
@@ -325,24 +354,8 @@ class ChildProcess final : public std::enable_shared_from_this<ChildProcess> {
   private:
     friend class detail::ProcessIOLoop;
 
-    enum class Phase : std::uint8_t { configuring, launching, running, terminated };
-
-    struct State {
-        std::optional<std::string> executable;
-        std::vector<std::string> arguments;
-        std::optional<Environment> environment;
-        std::optional<std::string> directory;
-        ProcessStandardStream input;
-        ProcessStandardStream output;
-        ProcessStandardStream error;
-        QualityOfService qos = QualityOfService::standard;
-        TerminationHandler handler;
-        Phase phase = Phase::configuring;
-        int pidfd = -1;
-        int suspendCount = 0;
-        int status = 0;
-        ProcessTerminationReason reason = ProcessTerminationReason::exit;
-    };
+    using Phase = detail::ChildProcessPhase;
+    using State = detail::ChildProcessState;
 
     /// On the I/O thread: the process file descriptor became readable.
     void didExit();

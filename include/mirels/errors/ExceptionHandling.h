@@ -156,6 +156,7 @@ std::invoke_result_t<F&&> withCaughtObjectiveCExceptions(F&& perform) {
             }
         },
         &raised);
+    // NOLINTNEXTLINE(bugprone-unchecked-optional-access): a false return always stores it.
     if (!completed) throw std::move(*raised);
     auto* stored = assertUnwrap(outcome.has_value() ? &*outcome : nullptr,
                                 Callsite::library("withCaughtObjectiveCExceptions(perform:)"));

@@ -221,12 +221,16 @@ class AbstractFuture {
             deliver(lane, observer, caseBits, *termination);
             return;
         }
+        // NOLINTNEXTLINE(bugprone-unchecked-optional-access): present while running.
         const bool finishedMeanwhile = activity_->syncWrite([&](Activity& activity) {
             if (finished_.load(std::memory_order_relaxed)) return true;
             activity.observers.emplace_back(Observer(std::forward<F>(observer)), std::move(lane),
                                             caseBits);
             return false;
         });
+        // The termination is set before finished_ is published, and finishedMeanwhile was read
+        // under the lock after that.
+        // NOLINTNEXTLINE(bugprone-unchecked-optional-access)
         if (finishedMeanwhile) deliver(lane, observer, caseBits, *termination_);
     }
 
