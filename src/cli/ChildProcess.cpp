@@ -716,13 +716,21 @@ void ChildProcess::waitUntilExit() const {
 void ChildProcess::didExit() {
     const int pidfd = state_.syncRead([](const State& s) { return s.pidfd; });
     siginfo_t info{};
-    while (::waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(pidfd), &info, WEXITED) < 0 &&
+    int waited = 0;
+    while ((waited = ::waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(pidfd), &info,
+                              WEXITED)) < 0 &&
            errno == EINTR) {
     }
     int status = info.si_status;
     ProcessTerminationReason reason = info.si_code == CLD_EXITED
                                           ? ProcessTerminationReason::exit
                                           : ProcessTerminationReason::uncaughtSignal;
+    if (waited < 0) {
+        // Someone else reaped it (a SIGCHLD handler of the host that waits for any child): the
+        // child is gone, its status unknown.
+        status = -1;
+        reason = ProcessTerminationReason::exit;
+    }
 
     // Everything the child wrote is in its pipes by now: hand it to the readability handlers
     // before anyone learns that the child ended.
@@ -745,7 +753,13 @@ void ChildProcess::didExit() {
     });
     terminated_.store(true);
     running_.store(false);
-    if (handler) handler(*this);
+    if (handler) {
+        try {
+            handler(*this);
+        } catch (...) {
+            detail::reportHandlerFailure("termination", Error::current());
+        }
+    }
     handler = nullptr;  // released before waiters go on
     finished_.store(true);
     finished_.notify_all();

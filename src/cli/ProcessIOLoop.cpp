@@ -17,6 +17,8 @@
 #include "mirels/core/FatalError.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/core/TimePeriod.h"
+#include "mirels/errors/Error.h"
+#include "mirels/platform/Log.h"
 
 namespace mirels::detail {
 
@@ -24,6 +26,11 @@ namespace {
 thread_local bool onLoopThread = false;
 constexpr std::uint64_t wakeToken = 0;
 }  // namespace
+
+void reportHandlerFailure(std::string_view kind, const Error& error) {
+    static const Logger log("org.mirels.foundation", "process");
+    log.error("A %{public}@ handler threw and was dropped: %{public}@", kind, error.description());
+}
 
 namespace {
 using LoopObject = std::variant<std::shared_ptr<ChildProcess>, std::shared_ptr<FileHandle>>;
@@ -129,7 +136,14 @@ struct ProcessIOLoop::Impl {
             Object released = take(token);
             (*child)->didExit();
         } else if (auto* handle = std::get_if<std::shared_ptr<FileHandle>>(&object)) {
-            if (*handle) (*handle)->dispatchReadable();
+            if (!*handle) return;
+            try {
+                (*handle)->dispatchReadable();
+            } catch (...) {
+                // A handler that throws is removed, so that it cannot spin on the same data.
+                reportHandlerFailure("readability", Error::current());
+                (*handle)->stopWatching();
+            }
         }
     }
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string_view>
 
 #include "mirels/core/UniqueFunction.h"
 
@@ -10,7 +11,14 @@ class ChildProcess;
 class FileHandle;
 }  // namespace mirels
 
+namespace mirels {
+class Error;
+}
+
 namespace mirels::detail {
+
+/// Logs that a handler run by the process I/O thread threw `error`.
+void reportHandlerFailure(std::string_view kind, const Error& error);
 
 /// The one thread ("mirels.process-io") that waits on running children (their process file
 /// descriptors) and on file handles with readability handlers, with one epoll set, and runs

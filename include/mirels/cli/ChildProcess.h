@@ -7,7 +7,8 @@
 // every running child and every file handle that has a readability handler (one epoll set). It
 // reaps each child as soon as it ends, whether or not anyone still holds the `ChildProcess`, so
 // no child is left a zombie. Readability and termination handlers run on that thread, one at a
-// time: they must not block for long, and must not wait for another handler to run.
+// time: they must not block for long, and must not wait for another handler to run. A handler
+// that throws is logged and dropped.
 //
 // Every descriptor the library opens is close-on-exec, and the child closes every descriptor
 // above its three standard streams before it runs the program, so it inherits exactly those
@@ -324,8 +325,9 @@ class ChildProcess final : public std::enable_shared_from_this<ChildProcess> {
     bool isRunning() const noexcept;
     /// Whether the child has ended (and been reaped).
     bool hasTerminated() const noexcept;
-    /// The exit status, or the signal number for `uncaughtSignal`. Reading it before the child
-    /// has ended stops the process with a message.
+    /// The exit status, or the signal number for `uncaughtSignal`; -1 when something else in
+    /// this process reaped the child first. Reading it before the child has ended stops the
+    /// process with a message.
     int terminationStatus() const;
     /// Reading it before the child has ended stops the process with a message.
     ProcessTerminationReason terminationReason() const;
