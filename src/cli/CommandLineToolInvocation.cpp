@@ -1,7 +1,9 @@
 #include "mirels/cli/CommandLineToolInvocation.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <memory>
 #include <utility>
@@ -16,6 +18,11 @@
 namespace mirels {
 
 namespace {
+
+struct CaptureState {
+    Utf8StreamDecoder decoder;
+    std::string text;
+};
 
 /// The captured output of one run: the decoder and the text, guarded because the readability
 /// and termination handlers may in principle run on different threads.
@@ -46,11 +53,11 @@ class CapturedOutput {
         return text;
     }
 
+    /// True the first time only.
+    bool claimPipeGrowth() noexcept { return !pipeGrown_.exchange(true); }
+
   private:
-    struct State {
-        Utf8StreamDecoder decoder;
-        std::string text;
-    };
+    using State = CaptureState;
 
     static void writeToStandardOutput(std::string_view text) {
         while (!text.empty()) {
@@ -64,12 +71,15 @@ class CapturedOutput {
     }
 
     bool passThrough_;
+    std::atomic<bool> pipeGrown_{false};
     ThreadSafe<State> state_;
 };
 
-/// Bigger than the default 64 KiB, so that a chatty child needs fewer wake-ups of the I/O
-/// thread; the kernel caps it at its pipe-max-size.
-constexpr std::size_t outputPipeBufferSize = 1 << 20;
+/// Once a child has written this much, its pipe grows to `largePipeBufferSize`, so that a chatty
+/// child needs fewer wake-ups of the I/O thread. Only then: every pipe's buffer counts against
+/// the user's pipe-user-pages limit, and most tools write a few lines.
+constexpr std::uint64_t chattyOutputSize = std::uint64_t{256} << 10;
+constexpr int largePipeBufferSize = 1 << 20;
 
 }  // namespace
 
@@ -144,7 +154,6 @@ Future<std::string> CommandLineToolInvocation::run() const {
 
             // Step 3: the output pipe and its readability handler.
             std::shared_ptr<Pipe> pipe = Pipe::create();
-            pipe->setBufferSize(outputPipeBufferSize);
             reading = pipe->fileHandleForReading();
             process->setStandardOutput(ProcessStandardStream::pipe(pipe));
             switch (standardError) {
@@ -159,8 +168,13 @@ Future<std::string> CommandLineToolInvocation::run() const {
                     break;
             }
             auto captured = std::make_shared<CapturedOutput>(streamToStandardOutput);
-            reading->setReadabilityHandler(
-                [captured](FileHandle& handle) { captured->append(handle.availableData()); });
+            reading->setReadabilityHandler([captured](FileHandle& handle) {
+                captured->append(handle.availableData());
+                if (handle.bytesRead() >= chattyOutputSize && captured->claimPipeGrowth()) {
+                    // Best effort: the kernel may refuse or cap it.
+                    ::fcntl(handle.fileDescriptor(), F_SETPIPE_SZ, largePipeBufferSize);
+                }
+            });
 
             // Step 6, installed before the launch.
             process->setTerminationHandler(

@@ -254,7 +254,7 @@ TEST(CommandLineToolInvocationTest, DroppedFuturesLeaveNoZombie) {
     (void)probeInvocation({"exit", "0"}, {}, std::nullopt, log).run();
     ASSERT_TRUE(testing::eventually(
         [&] { return capture->entries("org.mirels.tests", "dropped").size() == 3; }));
-    const std::string& launched = capture->entries("org.mirels.tests", "dropped")[1].message;
+    const std::string launched = capture->entries("org.mirels.tests", "dropped")[1].message;
     const pid_t pid = static_cast<pid_t>(std::stoi(launched.substr(launched.rfind(' ') + 1)));
     EXPECT_FALSE(testing::hasZombieChild());
     EXPECT_EQ(::kill(pid, 0), -1);  // reaped: the pid is gone
