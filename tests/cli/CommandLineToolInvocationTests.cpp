@@ -225,8 +225,10 @@ TEST(CommandLineToolInvocationTest, CancelingEndsTheChildAndTimeOutsCompose) {
 
     // A child that ignores SIGTERM is killed after the grace period.
     capture->clear();
-    auto stubborn = probeInvocation({"ignoreterm"}, {}, std::nullopt, log).run();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // let it ignore SIGTERM
+    testing::TemporaryDirectory directory;
+    const std::string ready = (directory.path() / "ready").string();
+    auto stubborn = probeInvocation({"ignoreterm", ready}, {}, std::nullopt, log).run();
+    ASSERT_TRUE(testing::eventually([&] { return std::filesystem::exists(ready); }));
     const auto cancelAt = std::chrono::steady_clock::now();
     stubborn.cancel();
     ASSERT_TRUE(testing::eventually(

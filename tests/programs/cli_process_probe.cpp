@@ -99,6 +99,7 @@ int main(int argc, char** argv) {
         return 0;
     } else if (mode == "ignoreterm") {
         std::signal(SIGTERM, SIG_IGN);
+        if (argc >= 3) std::ofstream(argv[2]) << "ready";  // tells a test it may send SIGTERM
         writeAll(1, "ready\n");
         sleepMilliseconds(30'000);
     } else if (mode == "sleep" && argc >= 3) {
