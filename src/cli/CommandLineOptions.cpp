@@ -83,7 +83,7 @@ std::string commandLineOptionShortUsage(const std::string& name,
 
 std::string commandLineConsumerShortUsage(const std::string& name,
                                           std::optional<std::int64_t> limit) {
-    const std::string upper = commandLineUppercased(name);
+    std::string upper = commandLineUppercased(name);
     if (!limit) return "[" + upper + "]";
     if (*limit == 1) return upper;
     std::string usage;
@@ -163,7 +163,8 @@ void parseCommandLine(std::span<const CommandLineOptionName> names,
         if (!argument.starts_with('-')) {
             if (consumer >= limits.size()) throw UnknownOptionError(std::string(argument));
             target.aggregate(target.context, consumer, argument);
-            if (limits[consumer] && ++taken == *limits[consumer]) {
+            if (const std::optional<std::int64_t>& limit = limits[consumer];
+                limit.has_value() && ++taken == *limit) {
                 ++consumer;
                 taken = 0;
             }
