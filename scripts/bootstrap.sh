@@ -14,6 +14,7 @@ packages=(
   # peers measured side by side in bench/
   libabsl-dev libasio-dev libboost-thread1.81-dev libsigc++-3.0-dev libtsl-ordered-map-dev
   libboost1.81-dev  # Boost.Process v1 (headers), beside bench_process
+  libcli11-dev libcxxopts-dev
 )
 
 missing=()
