@@ -13,6 +13,7 @@ packages=(
   libplist-dev libsystemd-dev
   # peers measured side by side in bench/
   libabsl-dev libasio-dev libboost-thread1.81-dev libsigc++-3.0-dev libtsl-ordered-map-dev
+  librange-v3-dev
 )
 
 missing=()
