@@ -34,8 +34,15 @@ double slack(Point d) {
     return geometryTolerance * std::max(1.0, norm(d));
 }
 
+/// `v` scaled to length 1 (`v` must not be zero). Dividing first keeps tiny and huge vectors
+/// away from the underflow and overflow that squaring their coordinates would cause.
+Point unit(Point v) {
+    const double length = norm(v);
+    return {v.x / length, v.y / length};
+}
+
 bool parallel(Point u, Point v) {
-    return std::abs(cross(u, v)) <= geometryTolerance * norm(u) * norm(v);
+    return std::abs(cross(unit(u), unit(v))) <= geometryTolerance;
 }
 
 /// Linear interpolation that is exact at both ends.
@@ -58,8 +65,7 @@ Line Line::through(Point a, Point b) noexcept {
 }
 
 Point Line::unitDirection() const noexcept {
-    const double length = norm(direction);
-    return length == 0 ? Point{} : scaled(direction, 1 / length);
+    return isZero(direction) ? Point{} : unit(direction);
 }
 
 Point Line::pointAt(double t) const noexcept {
@@ -67,8 +73,8 @@ Point Line::pointAt(double t) const noexcept {
 }
 
 double Line::parameterOf(Point point) const noexcept {
-    const double squared = dot(direction, direction);
-    return squared == 0 ? 0 : dot(minus(point, origin), direction) / squared;
+    const double length = norm(direction);
+    return length == 0 ? 0 : dot(minus(point, origin), unit(direction)) / length;
 }
 
 Point Line::projection(Point point) const noexcept {
@@ -78,7 +84,7 @@ Point Line::projection(Point point) const noexcept {
 double Line::distance(Point point) const noexcept {
     const double length = norm(direction);
     const Point offset = minus(point, origin);
-    return length == 0 ? norm(offset) : std::abs(cross(offset, direction)) / length;
+    return length == 0 ? norm(offset) : std::abs(cross(offset, unit(direction)));
 }
 
 bool Line::contains(Point point) const noexcept {
@@ -159,9 +165,10 @@ SegmentIntersection Segment::intersection(const Segment& other) const noexcept {
         };
         return Segment{exact(low), exact(high)};
     }
-    const double denominator = cross(r, s);
-    const double t = cross(offset, s) / denominator;
-    const double u = cross(offset, r) / denominator;
+    const Point rUnit = unit(r);
+    const Point sUnit = unit(s);
+    const double t = cross(offset, sUnit) / cross(r, sUnit);
+    const double u = cross(offset, rUnit) / cross(rUnit, s);
     if (!onSegmentParameter(t) || !onSegmentParameter(u)) return NoIntersection{};
     const double clampedU = std::clamp(u, 0.0, 1.0);
     if (clampedU == 0 || clampedU == 1) return other.pointAt(clampedU);
