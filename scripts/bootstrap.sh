@@ -13,6 +13,8 @@ packages=(
   libplist-dev libsystemd-dev
   # peers measured side by side in bench/
   libabsl-dev libasio-dev libboost-thread1.81-dev libsigc++-3.0-dev libtsl-ordered-map-dev
+  # benchmark tools: instruction counts (callgrind) and system calls per operation
+  valgrind strace
 )
 
 missing=()
