@@ -212,7 +212,8 @@ class AbstractFuture {
     const Termination* terminationIfFinished() const noexcept {
         // The acquire load pairs with the finishing exchange, which follows the termination's
         // construction.
-        return state_.load(std::memory_order_acquire) == finishedState ? storedTermination() : nullptr;
+        return state_.load(std::memory_order_acquire) == finishedState ? storedTermination()
+                                                                       : nullptr;
     }
 
     /// Where the future was made.
@@ -237,29 +238,27 @@ class AbstractFuture {
             deliver(lane, observer, caseBits, *storedTermination());
             return;
         }
-        // The first observer takes the node inside the future, claimed with a bit of the state.
-        ObserverNode* node = nullptr;
+        // The first observer takes the node inside the future, claimed with a bit of the state
+        // (the finished value has that bit set too, so a finish ends the loop).
+        bool inlineNode = false;
         while ((state & inlineNodeTaken) == 0) {
             if (state_.compare_exchange_weak(state, state | inlineNodeTaken,
                                              std::memory_order_acquire,
                                              std::memory_order_acquire)) {
-                node = ::new (static_cast<void*>(inlineNode_))
-                    ObserverNode(std::forward<F>(observer), std::move(lane), caseBits, false);
                 state |= inlineNodeTaken;
+                inlineNode = true;
                 break;
             }
-            if (state == finishedState) {
-                deliver(lane, observer, caseBits, *storedTermination());
-                return;
-            }
         }
-        if (node == nullptr) {
-            if (state == finishedState) {
-                deliver(lane, observer, caseBits, *storedTermination());
-                return;
-            }
-            node = new ObserverNode(std::forward<F>(observer), std::move(lane), caseBits, true);
+        if (!inlineNode && state == finishedState) {
+            deliver(lane, observer, caseBits, *storedTermination());
+            return;
         }
+        ObserverNode* node =
+            inlineNode
+                ? ::new (static_cast<void*>(inlineNode_))
+                      ObserverNode(std::forward<F>(observer), std::move(lane), caseBits, false)
+                : new ObserverNode(std::forward<F>(observer), std::move(lane), caseBits, true);
         for (;;) {
             if (state == finishedState) {
                 // Finished while the node was being made: this thread delivers it itself.
