@@ -16,6 +16,8 @@ packages=(
   libboost1.81-dev  # Boost.Process v1 (headers), beside bench_process
   libcli11-dev libcxxopts-dev
   librange-v3-dev
+  # benchmark tools: instruction counts (callgrind) and system calls per operation
+  valgrind strace
 )
 
 missing=()

@@ -1,25 +1,10 @@
 #include "mirels/core/UnfairLock.h"
 
 #include <linux/futex.h>
-#include <linux/membarrier.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace mirels {
-
-namespace detail {
-UnfairLockSleepers unfairLockSleepers[unfairLockSleeperSlots];
-
-namespace {
-bool registerForProcessBarriers() noexcept {
-    return syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
-}
-}  // namespace
-
-// Decided before main: every unlock reads it, and it never changes afterwards. Without the
-// process-wide barrier, unlock orders its store and load with a fence of its own.
-bool unfairLockUnlockNeedsFence = !registerForProcessBarriers();
-}  // namespace detail
 
 namespace {
 void futex(std::atomic<std::uint32_t>* word, int op, std::uint32_t value) noexcept {
@@ -29,12 +14,18 @@ void futex(std::atomic<std::uint32_t>* word, int op, std::uint32_t value) noexce
             nullptr, nullptr, 0);
 }
 
-/// Makes every thread of the process pass a full memory barrier before it returns.
-void processWideBarrier() noexcept {
-    if (!detail::unfairLockUnlockNeedsFence) {
-        syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
-    }
+inline void spinPause() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
+#endif
 }
+
+// Critical sections of the library are a few instructions long: a short spin usually sees the
+// lock released, for far less than a trip through the kernel. Kept short so that a holder that
+// lost its core (more threads than cores) does not cost much spinning.
+constexpr int spinLimit = 64;
 }  // namespace
 
 UnfairLock::UnfairLock() : word_(new std::atomic<std::uint32_t>(unlocked)) {}
@@ -44,34 +35,25 @@ UnfairLock::~UnfairLock() {
 }
 
 void UnfairLock::lockContended() noexcept {
-    // Spin a little first: critical sections of the library are a few instructions long, and a
-    // trip through the kernel costs far more than waiting for one of them to end.
-    for (int spin = 0; spin < 128; ++spin) {
-        std::uint32_t state = word_->load(std::memory_order_relaxed);
-        if (state == unlocked &&
-            word_->compare_exchange_weak(state, locked, std::memory_order_acquire,
-                                         std::memory_order_relaxed)) {
-            return;
-        }
-#if defined(__x86_64__) || defined(__i386__)
-        __builtin_ia32_pause();
-#endif
-    }
-
-    // Announce a sleeper, then make sure that every unlock either happened before the barrier
-    // (so its store is visible below) or reads the announcement afterwards (so it wakes us).
-    auto& sleepers = detail::sleepersFor(word_).count;
-    sleepers.fetch_add(1, std::memory_order_seq_cst);
-    processWideBarrier();
+    // A thread that has not slept yet takes a free lock as plain "locked": any sleeper there is
+    // was woken by the release that freed it and marks the word again itself. A thread that has
+    // slept cannot know whether others still sleep, so it takes the lock marked.
+    std::uint32_t takeAs = locked;
     for (;;) {
-        std::uint32_t expected = unlocked;
-        if (word_->compare_exchange_strong(expected, locked, std::memory_order_acquire,
-                                           std::memory_order_relaxed)) {
-            break;
+        for (int spin = 0; spin < spinLimit; ++spin) {
+            std::uint32_t state = word_->load(std::memory_order_relaxed);
+            if (state == unlocked &&
+                word_->compare_exchange_weak(state, takeAs, std::memory_order_acquire,
+                                             std::memory_order_relaxed)) {
+                return;
+            }
+            spinPause();
         }
-        futex(word_, FUTEX_WAIT, locked);  // sleeps only while the word still reads "locked"
+        // Mark the word; if that found it free, the lock is ours (marked: others may sleep).
+        if (word_->exchange(lockedWithSleepers, std::memory_order_acquire) == unlocked) return;
+        futex(word_, FUTEX_WAIT, lockedWithSleepers);  // sleeps only while the word is marked
+        takeAs = lockedWithSleepers;
     }
-    sleepers.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void UnfairLock::wakeOne() noexcept {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <type_traits>
 #include <utility>
 
 #include "mirels/collections/detail/OrderedTable.h"
@@ -30,9 +31,10 @@ namespace detail {
 ///
 /// The shared implementation holds the reference count, the capacity and the slots; the number
 /// of filled slots is kept in the value as a pointer to the first free slot, like a vector's end.
-/// Values that share a buffer always agree on it, because a value changes it only after making
-/// the buffer its own, and a pointer cursor lets the compiler keep it in a register across the
-/// element stores of a push loop.
+/// A value writes to the buffer only after making it its own, so the elements below each sharing
+/// value's count stay as that value left them; popping a trivially copyable element writes
+/// nothing, so it needs no private buffer. A pointer cursor lets the compiler keep the count in
+/// a register across the element stores of a push loop.
 template <class Element>
 class FixedStack {
   public:
@@ -83,9 +85,13 @@ class FixedStack {
 
     template <class... Args>
     bool emplace(Args&&... args) {
-        if (!isUniquelyReferenced()) [[unlikely]]
+        // One test on the common path: a private buffer with room. The header's two fields sit
+        // in one cache line, next to the slots being written.
+        if (!isUniquelyReferenced() || end_ == implementation_->limit) [[unlikely]] {
+            if (implementation_ != nullptr && end_ == implementation_->limit) return false;
             unshare();
-        if (end_ == implementation_->elements() + implementation_->capacity) return false;
+            if (end_ == implementation_->limit) return false;
+        }
         ::new (static_cast<void*>(end_)) Element(std::forward<Args>(args)...);
         ++end_;
         return true;
@@ -94,12 +100,19 @@ class FixedStack {
     /// The top element, moved out, or absent when the stack is empty.
     std::optional<Element> pop() {
         if (end_ == data()) return std::nullopt;
-        if (!isUniquelyReferenced()) [[unlikely]]
-            unshare();
-        Element* top = --end_;
-        std::optional<Element> result(std::move(*top));
-        top->~Element();
-        return result;
+        if constexpr (std::is_trivially_copyable_v<Element> &&
+                      std::is_trivially_destructible_v<Element>) {
+            // Reading and forgetting the top changes nothing in the buffer, so a shared one
+            // need not be copied: the values that share it keep their own counts.
+            return *--end_;
+        } else {
+            if (!isUniquelyReferenced()) [[unlikely]]
+                unshare();
+            Element* top = --end_;
+            std::optional<Element> result(std::move(*top));
+            top->~Element();
+            return result;
+        }
     }
 
     /// The element at `position`; stops the process when `position` is not below the count.
@@ -140,6 +153,8 @@ class FixedStack {
     struct Implementation {
         std::atomic<std::ptrdiff_t> references{1};
         Index capacity = 0;
+        /// One past the last slot.
+        Element* limit = nullptr;
 
         static constexpr std::size_t alignment() noexcept {
             return std::max(alignof(Implementation), alignof(Element));
@@ -161,6 +176,7 @@ class FixedStack {
                 std::align_val_t(alignment()));
             auto* impl = ::new (memory) Implementation();
             impl->capacity = capacity;
+            impl->limit = impl->elements() + capacity;
             return impl;
         }
 

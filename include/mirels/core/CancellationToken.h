@@ -3,6 +3,7 @@
 #include <atomic>
 #include <memory>
 #include <unordered_set>
+#include <utility>
 
 #include "mirels/core/Callsite.h"
 #include "mirels/core/Ref.h"
@@ -36,6 +37,9 @@ class CancellationToken final {
     static std::shared_ptr<CancellationToken> create(Action didCancel,
                                                      Callsite callsite = Callsite::current());
 
+    template <class Payload>
+    friend class CancellationTokenWithPayload;
+
     CancellationToken(Key, Action didCancel, Callsite callsite) noexcept;
     ~CancellationToken();
     CancellationToken(const CancellationToken&) = delete;
@@ -54,6 +58,25 @@ class CancellationToken final {
     Action didCancel_;
     std::atomic<bool> cancelled_{false};
     Callsite initializationCallsite_;
+};
+
+/// A token made in one allocation with a `Payload`, for registrations whose bookkeeping lives
+/// as long as their token: cancelling calls `payload.didCancel()`. Make it with
+/// `std::make_shared<CancellationTokenWithPayload<P>>(callsite, args...)` and hand out `token`
+/// through an aliasing `std::shared_ptr`, which keeps the payload alive too.
+template <class Payload>
+class CancellationTokenWithPayload {
+  public:
+    template <class... Args>
+    explicit CancellationTokenWithPayload(Callsite callsite, Args&&... args)
+        : token(CancellationToken::Key{},
+                CancellationToken::Action([this] { payload.didCancel(); }), callsite),
+          payload(std::forward<Args>(args)...) {}
+    CancellationTokenWithPayload(const CancellationTokenWithPayload&) = delete;
+    CancellationTokenWithPayload& operator=(const CancellationTokenWithPayload&) = delete;
+
+    CancellationToken token;
+    Payload payload;
 };
 
 /// Keeps `token` in `tokens` (for example an `AutoCancelling`'s set). A free function rather than

@@ -1,8 +1,12 @@
 #pragma once
 
+#include <atomic>
 #include <concepts>
+#include <cstddef>
 #include <initializer_list>
 #include <memory>
+#include <new>
+#include <optional>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -149,23 +153,22 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
 
     /// Subscribes `handler` to this sink directly (what observing its stream does).
     ///
-    /// This is `SubscriberCollection::add` with the storage box's `syncWrite` as the edit,
-    /// written out so that the token holds the box itself rather than a callback around it.
+    /// One allocation holds the token and the handler together; the subscriber table lists the
+    /// subscription by a counted reference, so a snapshot taken by a send keeps the handler for
+    /// as long as it needs it, and the handler is released as soon as no table lists it.
     std::shared_ptr<CancellationToken> observe(Handler handler,
                                                Callsite callsite = Callsite::current()) {
-        SharedHandler shared(std::move(handler));  // allocated before the lock is taken
-        Identifier identifier;
+        auto box = std::make_shared<CancellationTokenWithPayload<Subscription>>(
+            callsite, storage_, std::move(handler));
+        Subscription& subscription = box->payload;
+        subscription.keepWhileListed = box;
         storage_->syncWrite(
-            [&](Subscribers& subscribers) { subscribers.insert(identifier, std::move(shared)); },
-            Callsite::library("observe(_:)"));
-        return CancellationToken::create(
-            [storage = storage_, identifier] {
-                // The removed handler is destroyed after the lock is released.
-                std::optional<SharedHandler> removed = storage->syncWrite(
-                    [&](Subscribers& subscribers) { return subscribers.remove(identifier); },
-                    Callsite::library("cancel()"));
+            [&](Subscribers& subscribers) {
+                subscribers.insert(subscription.identifier, Listed(&subscription));
             },
-            callsite);
+            Callsite::library("observe(_:)"));
+        CancellationToken* token = &box->token;
+        return std::shared_ptr<CancellationToken>(std::move(box), token);
     }
 
     /// The stream of this sink's events. It holds the sink strongly while it lives.
@@ -177,8 +180,85 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
     }
 
   private:
-    using SharedHandler = SharedEventHandler<E>;
-    using Subscribers = SubscriberCollection<SharedHandler>;
+    class Subscription;
+
+    /// What the subscriber table holds: a counted reference to a subscription, which calls its
+    /// handler. Copies of the table (a send's snapshot) count too.
+    class Listed {
+      public:
+        Listed() noexcept = default;
+        explicit Listed(Subscription* subscription) noexcept : subscription_(subscription) {}
+        Listed(const Listed& other) noexcept : subscription_(other.subscription_) {
+            if (subscription_ != nullptr) {
+                subscription_->listings.fetch_add(1, std::memory_order_relaxed);
+            }
+        }
+        Listed(Listed&& other) noexcept
+            : subscription_(std::exchange(other.subscription_, nullptr)) {}
+        Listed& operator=(Listed other) noexcept {
+            std::swap(subscription_, other.subscription_);
+            return *this;
+        }
+        ~Listed() {
+            if (subscription_ != nullptr) subscription_->unlist();
+        }
+
+        template <class... Args>
+        void operator()(Args&&... args) const {
+            subscription_->handler()(std::forward<Args>(args)...);
+        }
+
+      private:
+        Subscription* subscription_ = nullptr;
+    };
+
+    using Subscribers = SubscriberCollection<Listed>;
+
+    /// One subscription, made together with its token: the handler, the identifier it is listed
+    /// under, and the storage box to remove it from when the token is cancelled. The handler
+    /// lives while some table lists it; the object lives while its token or a listing does.
+    class Subscription {
+      public:
+        Subscription(std::shared_ptr<ThreadSafe<Subscribers>> storage, Handler handler)
+            : storage_(std::move(storage)) {
+            ::new (static_cast<void*>(handler_)) Handler(std::move(handler));
+        }
+        Subscription(const Subscription&) = delete;
+        Subscription& operator=(const Subscription&) = delete;
+        ~Subscription() = default;
+
+        Handler& handler() noexcept { return *std::launder(reinterpret_cast<Handler*>(handler_)); }
+
+        /// The token's cancel: removes the listing; the handler goes (outside the lock) when the
+        /// last snapshot that lists it does. Nothing happens once the sink has gone.
+        void didCancel() {
+            std::optional<Listed> removed = storage_->syncWrite(
+                [&](Subscribers& subscribers) { return subscribers.remove(identifier); },
+                Callsite::library("cancel()"));
+        }
+
+        /// Drops one listing; the last one destroys the handler and lets go of the object.
+        void unlist() noexcept {
+            // A listing that sees itself alone may skip the atomic decrement: no other exists
+            // that could be copied meanwhile.
+            if (listings.load(std::memory_order_acquire) != 1 &&
+                listings.fetch_sub(1, std::memory_order_acq_rel) != 1) {
+                return;
+            }
+            handler().~Handler();
+            // May destroy this object: nothing is touched afterwards.
+            std::shared_ptr<void> last = std::move(keepWhileListed);
+        }
+
+        const Identifier identifier;
+        std::atomic<std::size_t> listings{1};
+        /// The subscription's own allocation, held on behalf of the tables that list it.
+        std::shared_ptr<void> keepWhileListed;
+
+      private:
+        std::shared_ptr<ThreadSafe<Subscribers>> storage_;
+        alignas(Handler) std::byte handler_[sizeof(Handler)];
+    };
 
     std::shared_ptr<ThreadSafe<Subscribers>> storage_;
 };

@@ -1,11 +1,11 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <utility>
-#include <variant>
 
-#include "mirels/core/ThreadSafe.h"
 #include "mirels/futures/ConstantFuture.h"
 #include "mirels/futures/Future.h"
 
@@ -31,20 +31,32 @@ class FlatMapFuture final : public AbstractFuture<Output> {
     struct RunningSecond {
         Future<Output> second;
     };
-    struct Finished {};
-    using Activity = std::variant<RunningFirst, RunningSecond, Finished>;
+
+    // Where the flat-map is: waiting for the first future (held in `first_`), waiting for the
+    // second (held in `second_`), or finished. Each step away from a waiting phase is one
+    // compare-and-swap, and whoever makes it owns the future that phase held: a cancel and a
+    // delivery that race settle on it without a lock.
+    enum class Phase : std::uint8_t { first, second, finished };
 
   public:
     using Transform = UniqueFunction<Future<Output>(const Result<Input>&)>;
 
-    template <class Waiting>
-    FlatMapFuture(Key, Waiting waiting, ExecutionLane transformSuccessLane,
+    FlatMapFuture(Key, RunningFirst waiting, ExecutionLane transformSuccessLane,
                   ExecutionLane transformFailureLane, Transform transform, Callsite callsite)
         : AbstractFuture<Output>(callsite),
           transform_(std::move(transform)),
           transformSuccessLane_(std::move(transformSuccessLane)),
           transformFailureLane_(std::move(transformFailureLane)),
-          activity_(Activity(std::move(waiting))) {}
+          first_(std::move(waiting.first)) {}
+
+    FlatMapFuture(Key, RunningSecond waiting, ExecutionLane transformSuccessLane,
+                  ExecutionLane transformFailureLane, Transform transform, Callsite callsite)
+        : AbstractFuture<Output>(callsite),
+          transform_(std::move(transform)),
+          transformSuccessLane_(std::move(transformSuccessLane)),
+          transformFailureLane_(std::move(transformFailureLane)),
+          phase_(Phase::second),
+          second_(std::move(waiting.second)) {}
 
     static Future<Output> create(Future<Input> first, ExecutionLane transformSuccessLane,
                                  ExecutionLane transformFailureLane, Transform transform,
@@ -85,13 +97,21 @@ class FlatMapFuture final : public AbstractFuture<Output> {
     /// Cancels the future this one waits for, then finishes canceled from `callsite`; does
     /// nothing once finished.
     void cancel(Callsite callsite = Callsite::current()) override {
-        Activity taken = activity_.syncWrite(
-            [](Activity& activity) { return std::exchange(activity, Activity(Finished{})); },
-            Callsite::library("cancel(callsite:)"));
-        if (auto* running = std::get_if<RunningFirst>(&taken)) {
-            running->first.cancel(callsite);
-        } else if (auto* running = std::get_if<RunningSecond>(&taken)) {
-            running->second.cancel(callsite);
+        Phase phase = phase_.load(std::memory_order_acquire);
+        while (phase != Phase::finished) {
+            if (phase_.compare_exchange_weak(phase, Phase::finished, std::memory_order_acq_rel,
+                                             std::memory_order_acquire)) {
+                break;
+            }
+        }
+        if (phase == Phase::first) {
+            Future<Input> first = std::move(*first_);
+            first_.reset();
+            first.cancel(callsite);
+        } else if (phase == Phase::second) {
+            Future<Output> second = std::move(*second_);
+            second_.reset();
+            second.cancel(callsite);
         } else {
             return;
         }
@@ -99,24 +119,21 @@ class FlatMapFuture final : public AbstractFuture<Output> {
     }
 
   private:
-    bool isRunningFirst() const {
-        return activity_.syncRead([](const Activity& activity) {
-            return std::holds_alternative<RunningFirst>(activity);
-        });
+    /// Leaves `from` for finished; true when this call made the step (and owns what `from`
+    /// held).
+    bool leave(Phase from) noexcept {
+        return phase_.compare_exchange_strong(from, Phase::finished, std::memory_order_acq_rel,
+                                              std::memory_order_acquire);
     }
 
     void firstFinished(const std::shared_ptr<FlatMapFuture>& self,
                        const FutureTermination<Input>& termination) {
         if (auto canceled = termination.canceledCallsite()) {
             transform_ = nullptr;
-            std::optional<Future<Input>> first;
-            activity_.syncWrite([&](Activity& activity) {
-                if (auto* running = std::get_if<RunningFirst>(&activity)) {
-                    first = std::move(running->first);
-                    activity = Finished{};
-                }
-            });
-            if (first) this->didFinish(FutureTermination<Output>::canceled(*canceled));
+            if (leave(Phase::first)) {
+                first_.reset();
+                this->didFinish(FutureTermination<Output>::canceled(*canceled));
+            }
             return;
         }
         const Result<Input>& result = *termination.resultIfCompleted();
@@ -132,33 +149,30 @@ class FlatMapFuture final : public AbstractFuture<Output> {
     void firstCompleted(const std::shared_ptr<FlatMapFuture>& self, const Result<Input>& result) {
         Transform transform = std::move(transform_);
         // A cancel that came while the transform waited for its lane: it does not run.
-        if (!isRunningFirst()) return;
+        if (phase_.load(std::memory_order_acquire) != Phase::first) return;
         Future<Output> second = transform(result);
         transform = nullptr;
-        std::optional<Future<Input>> first;
         if (const FutureTermination<Output>* secondTermination = second.terminationIfFinished()) {
             // Nothing left to wait for: finish now, unless a cancel came meanwhile.
-            activity_.syncWrite([&](Activity& activity) {
-                if (auto* running = std::get_if<RunningFirst>(&activity)) {
-                    first = std::move(running->first);
-                    activity = Finished{};
-                }
-            });
-            if (first) this->didFinish(*secondTermination);
+            if (leave(Phase::first)) {
+                first_.reset();
+                this->didFinish(*secondTermination);
+            }
             return;
         }
-        const bool moved = activity_.syncWrite([&](Activity& activity) {
-            auto* running = std::get_if<RunningFirst>(&activity);
-            if (running == nullptr) return false;
-            first = std::move(running->first);
-            activity = RunningSecond{second};
-            return true;
-        });
-        if (!moved) {
+        // Stored before the step that publishes it; nobody else reads it while the phase is
+        // still `first`.
+        second_.emplace(second);
+        Phase expected = Phase::first;
+        if (!phase_.compare_exchange_strong(expected, Phase::second, std::memory_order_acq_rel,
+                                            std::memory_order_acquire)) {
             // Canceled while the transform ran: nobody waits for the second step any more.
+            second_.reset();
             second.cancel(detail::futureCallsite(detail::FutureFunction::firstCompleted));
             return;
         }
+        // The step to `second` made this thread the owner of the first future.
+        first_.reset();
         observeSecond(self, second);
     }
 
@@ -170,23 +184,19 @@ class FlatMapFuture final : public AbstractFuture<Output> {
     }
 
     void secondFinished(const FutureTermination<Output>& termination) {
-        std::optional<Future<Output>> second;
-        activity_.syncWrite(
-            [&](Activity& activity) {
-                if (auto* running = std::get_if<RunningSecond>(&activity)) {
-                    second = std::move(running->second);
-                    activity = Finished{};
-                }
-            },
-            Callsite::library("secondFinished(_:)"));
-        if (second) this->didFinish(termination);
+        if (!leave(Phase::second)) return;
+        second_.reset();
+        this->didFinish(termination);
     }
 
     // Used once, by the thread that delivers the first result (or released unused).
     Transform transform_;
     const ExecutionLane transformSuccessLane_;
     const ExecutionLane transformFailureLane_;
-    ThreadSafe<Activity> activity_;
+    std::atomic<Phase> phase_{Phase::first};
+    // Owned by whoever moves the phase away from the one that holds it.
+    std::optional<Future<Input>> first_;
+    std::optional<Future<Output>> second_;
 };
 
 }  // namespace mirels

@@ -8,8 +8,10 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <utility>
 
@@ -25,7 +27,6 @@
 #include "mirels/execution/ExecutionLane.h"
 #include "mirels/futures/FutureTermination.h"
 #include "mirels/futures/detail/FutureCallsites.h"
-#include "mirels/futures/detail/ObserverList.h"
 
 namespace mirels {
 
@@ -141,11 +142,13 @@ concept ErrorToFuture = std::is_invocable_v<F&, const Error&> &&
 /// says what canceling it means (`cancel`) and finishes it through `didFinish`. Callers hold a
 /// future through the `Future<T>` handle.
 ///
-/// The state lives under the future's one lock while the future runs. Finishing stores the
-/// termination under the lock; once the lock is released, the finishing thread calls the
-/// observers, in registration order. Once finished, the termination never changes, so every read of
-/// a finished future (and observing it) goes without the lock. A future made finished
-/// (`ConstantFuture`) has no lock at all.
+/// The state is one atomic word: running with the head of a list of observers, or finished.
+/// Registering an observer pushes it with one compare-and-swap; finishing claims the future,
+/// builds the termination in place, and takes the whole list with one exchange, after which the
+/// finishing thread calls the observers in registration order. No lock is taken on either path,
+/// so no callback ever runs under one. The first observer lives inside the future; only later
+/// ones take an allocation. Once finished, the termination never changes, so every read of a
+/// finished future goes without synchronisation beyond one acquire load.
 ///
 /// Kinds are made with `std::make_shared` and keep themselves alive through the closures they
 /// register on the futures they wait for. Whoever finishes a future holds a strong reference
@@ -159,7 +162,20 @@ class AbstractFuture {
 
     AbstractFuture(const AbstractFuture&) = delete;
     AbstractFuture& operator=(const AbstractFuture&) = delete;
-    virtual ~AbstractFuture() = default;
+    virtual ~AbstractFuture() {
+        const std::uintptr_t state = state_.load(std::memory_order_acquire);
+        if (state == finishedState) {
+            storedTermination()->~Termination();
+            return;
+        }
+        // Never finished: the observers are dropped without a call.
+        ObserverNode* node = nodeOf(state);
+        while (node != nullptr) {
+            ObserverNode* next = node->next;
+            release(node);
+            node = next;
+        }
+    }
 
     /// The state now (it may change as soon as it is returned).
     FutureState<T> recentStateSnapshot() const {
@@ -194,10 +210,10 @@ class AbstractFuture {
     /// The termination of a finished future, read in place; null while running. A finished
     /// future never changes, so the pointer stays valid for as long as the future lives.
     const Termination* terminationIfFinished() const noexcept {
-        // The acquire load of `finished_` is what makes the engaged optional visible here.
-        return finished_.load(std::memory_order_acquire)
-                   ? &*termination_  // NOLINT(bugprone-unchecked-optional-access)
-                   : nullptr;
+        // The acquire load pairs with the finishing exchange, which follows the termination's
+        // construction.
+        return state_.load(std::memory_order_acquire) == finishedState ? storedTermination()
+                                                                       : nullptr;
     }
 
     /// Where the future was made.
@@ -208,7 +224,7 @@ class AbstractFuture {
     /// The primitive that every observation rests on: `observer` is called once with the
     /// termination, if it is one of `cases`, on `lane`. On a finished future it is called at
     /// once (on the calling thread, when the lane is current); otherwise it is kept and called
-    /// by the thread that finishes the future, after the lock is released.
+    /// by the thread that finishes the future.
     ///
     /// `observer` is any callable that takes the termination; it is stored as an `Observer`,
     /// made in place.
@@ -217,21 +233,46 @@ class AbstractFuture {
     void _observeFinish(ExecutionLane lane, F&& observer,
                         FutureTerminationCases cases = FutureTerminationCases::all) {
         const auto caseBits = static_cast<std::uint8_t>(cases);
-        if (const Termination* termination = terminationIfFinished()) {
-            deliver(lane, observer, caseBits, *termination);
+        std::uintptr_t state = state_.load(std::memory_order_acquire);
+        if (state == finishedState) {
+            deliver(lane, observer, caseBits, *storedTermination());
             return;
         }
-        // NOLINTNEXTLINE(bugprone-unchecked-optional-access): present while running.
-        const bool finishedMeanwhile = activity_->syncWrite([&](Activity& activity) {
-            if (finished_.load(std::memory_order_relaxed)) return true;
-            activity.observers.emplace_back(Observer(std::forward<F>(observer)), std::move(lane),
-                                            caseBits);
-            return false;
-        });
-        // The termination is set before finished_ is published, and finishedMeanwhile was read
-        // under the lock after that.
-        // NOLINTNEXTLINE(bugprone-unchecked-optional-access)
-        if (finishedMeanwhile) deliver(lane, observer, caseBits, *termination_);
+        // The first observer takes the node inside the future, claimed with a bit of the state
+        // (the finished value has that bit set too, so a finish ends the loop).
+        bool inlineNode = false;
+        while ((state & inlineNodeTaken) == 0) {
+            if (state_.compare_exchange_weak(state, state | inlineNodeTaken,
+                                             std::memory_order_acquire,
+                                             std::memory_order_acquire)) {
+                state |= inlineNodeTaken;
+                inlineNode = true;
+                break;
+            }
+        }
+        if (!inlineNode && state == finishedState) {
+            deliver(lane, observer, caseBits, *storedTermination());
+            return;
+        }
+        ObserverNode* node =
+            inlineNode
+                ? ::new (static_cast<void*>(inlineNode_))
+                      ObserverNode(std::forward<F>(observer), std::move(lane), caseBits, false)
+                : new ObserverNode(std::forward<F>(observer), std::move(lane), caseBits, true);
+        for (;;) {
+            if (state == finishedState) {
+                // Finished while the node was being made: this thread delivers it itself.
+                deliver(node->lane, node->callback, node->cases, *storedTermination());
+                release(node);
+                return;
+            }
+            node->next = nodeOf(state);
+            if (state_.compare_exchange_weak(state, (state & flagBits) | address(node),
+                                             std::memory_order_release,
+                                             std::memory_order_acquire)) {
+                return;
+            }
+        }
     }
 
     /// `_observeFinish` on the finishing (or, when finished, the calling) thread.
@@ -251,18 +292,17 @@ class AbstractFuture {
   protected:
     /// A running future.
     explicit AbstractFuture(Callsite callsite)
-        : initializationCallsite_(callsite), initializationTime_(detail::futureClockNow()) {
-        activity_.emplace();
-    }
+        : initializationCallsite_(callsite), initializationTime_(detail::futureClockNow()) {}
 
-    /// A future finished at construction with `termination`. It never changes, so it has no
-    /// lock and no observer list.
+    /// A future finished at construction with `termination`. It never changes, so it never
+    /// holds an observer.
     AbstractFuture(Termination termination, Callsite callsite)
         : initializationCallsite_(callsite),
           initializationTime_(detail::futureClockNow()),
-          finished_(true),
-          termination_(std::move(termination)),
-          finishTime_(initializationTime_) {}
+          finishTime_(initializationTime_),
+          state_(finishedState) {
+        ::new (static_cast<void*>(terminationStorage_)) Termination(std::move(termination));
+    }
 
     /// Finishes the future with `termination` and calls its observers. A second finish is a
     /// fault of the kind: it is reported as a soft assertion and dropped, and the first
@@ -279,63 +319,110 @@ class AbstractFuture {
     /// have run.
     void retainSelfWhileRunning(std::shared_ptr<AbstractFuture> self) {
         if (terminationIfFinished() != nullptr) return;
-        activity_->syncWrite([&](Activity& activity) {
-            if (!finished_.load(std::memory_order_relaxed)) activity.retainSelf = std::move(self);
-        });
+        _observeFinish([self = std::move(self)](const Termination&) {});
     }
 
     /// The one finishing step: when the future is running, stores `termination` (moved from),
     /// calls the observers and returns true; when it has finished already, calls
-    /// `whenFinished` with the present termination (under the lock, so it must be short) and
-    /// returns false, leaving `termination` untouched.
+    /// `whenFinished` with the present termination and returns false, leaving `termination`
+    /// untouched.
     template <class WhenFinished>
     bool finishIfRunning(Termination& termination, WhenFinished&& whenFinished) {
-        if (const Termination* present = terminationIfFinished()) {
-            whenFinished(*present);
+        return finishInPlace(whenFinished, [&](void* storage) {
+            ::new (storage) Termination(std::move(termination));
+        });
+    }
+
+    /// `finishIfRunning` with the termination made by `make(storage)` in the future's own
+    /// storage, once the future is known to be running: nothing is built for a finish that
+    /// loses.
+    template <class WhenFinished, class Make>
+    bool finishInPlace(WhenFinished&& whenFinished, Make&& make) {
+        // Claim the future: of competing finishers, the one that sets the bit wins.
+        const std::uintptr_t before = state_.fetch_or(finishing, std::memory_order_acquire);
+        if ((before & finishing) != 0) {
+            whenFinished(awaitTermination());
             return false;
         }
-        const MonotonicTimestamp finishTime = detail::futureClockNow();
-        std::shared_ptr<AbstractFuture> retained;
-        // Only constant futures have no activity, and they are finished from birth.
-        // NOLINTNEXTLINE(bugprone-unchecked-optional-access)
-        const bool finished = activity_->syncWrite(
-            [&](Activity& activity) {
-                if (finished_.load(std::memory_order_relaxed)) {
-                    whenFinished(*termination_);
-                    return false;
-                }
-                termination_.emplace(std::move(termination));
-                finishTime_ = finishTime;
-                finished_.store(true, std::memory_order_release);
-                retained = std::move(activity.retainSelf);
-                return true;
-            },
-            Callsite::library("didFinish(_:)"));
-        if (!finished) return false;
-        // The observer list is this thread's alone now: registrations see the future finished
-        // and no longer touch it.
-        // NOLINTNEXTLINE(bugprone-unchecked-optional-access): as above
-        Activity& activity = activity_->unsafeWrite([](Activity& a) -> Activity& { return a; });
-        if (!activity.observers.empty()) {
-            activity.observers.forEach([&](ObserverEntry& entry) {
-                deliver(entry.lane, entry.callback, entry.cases, *termination_);
-            });
-            activity.observers.clear();
+        // Only this thread touches the storage until the exchange below publishes it.
+        make(static_cast<void*>(terminationStorage_));
+        finishTime_ = detail::futureClockNow();
+        const std::uintptr_t state = state_.exchange(finishedState, std::memory_order_acq_rel);
+        // The list was pushed newest first: turn it round to call in registration order.
+        ObserverNode* node = nullptr;
+        for (ObserverNode* pushed = nodeOf(state); pushed != nullptr;) {
+            ObserverNode* next = pushed->next;
+            pushed->next = node;
+            node = pushed;
+            pushed = next;
         }
-        return true;  // `retained` goes last, after every observer
+        if (node == nullptr) return true;
+        const Termination& finished = *storedTermination();
+        for (ObserverNode* at = node; at != nullptr; at = at->next) {
+            deliver(at->lane, at->callback, at->cases, finished);
+        }
+        // What the observers captured (a reference to this very future, perhaps) goes last.
+        while (node != nullptr) {
+            ObserverNode* next = node->next;
+            release(node);
+            node = next;
+        }
+        return true;
     }
 
   private:
-    struct ObserverEntry {
+    struct ObserverNode {
+        template <class F>
+        ObserverNode(F&& observer, ExecutionLane&& observerLane, std::uint8_t observerCases,
+                     bool onHeap)
+            : callback(std::forward<F>(observer)),
+              lane(std::move(observerLane)),
+              cases(observerCases),
+              heap(onHeap) {}
+
+        ObserverNode* next = nullptr;
         Observer callback;
         ExecutionLane lane;
         std::uint8_t cases;
+        bool heap;
     };
 
-    struct Activity {
-        detail::ObserverList<ObserverEntry, 3> observers;
-        std::shared_ptr<AbstractFuture> retainSelf;
-    };
+    // The state word: a node address (aligned, so its low bits are free) with two flags, or the
+    // finished value, which no running state can equal (its flag bits both set, and no node
+    // below the address 8).
+    static constexpr std::uintptr_t inlineNodeTaken = 1;
+    static constexpr std::uintptr_t finishing = 2;
+    static constexpr std::uintptr_t flagBits = inlineNodeTaken | finishing;
+    static constexpr std::uintptr_t finishedState = 4 | flagBits;
+    static_assert(alignof(ObserverNode) >= 8, "node addresses leave the flag bits free");
+
+    static ObserverNode* nodeOf(std::uintptr_t state) noexcept {
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the word holds a node's address
+        return reinterpret_cast<ObserverNode*>(state & ~flagBits);
+    }
+    static std::uintptr_t address(ObserverNode* node) noexcept {
+        return reinterpret_cast<std::uintptr_t>(node);
+    }
+
+    void release(ObserverNode* node) noexcept {
+        if (node->heap) {
+            delete node;
+        } else {
+            node->~ObserverNode();
+        }
+    }
+
+    const Termination* storedTermination() const noexcept {
+        return std::launder(reinterpret_cast<const Termination*>(terminationStorage_));
+    }
+
+    /// The termination of a future that another thread is finishing: it is being built now.
+    const Termination& awaitTermination() const noexcept {
+        while (state_.load(std::memory_order_acquire) != finishedState) {
+            std::this_thread::yield();
+        }
+        return *storedTermination();
+    }
 
     /// Calls `callback` with the termination if it is one of `cases`: directly when `lane` is
     /// current, else handed to the lane with a copy of the termination.
@@ -353,12 +440,11 @@ class AbstractFuture {
 
     Callsite initializationCallsite_;
     MonotonicTimestamp initializationTime_;
-    std::atomic<bool> finished_{false};
-    // Absent for a future made finished; otherwise the only lock of the base.
-    std::optional<ThreadSafe<Activity>> activity_;
-    // Written once, under the lock, before `finished_` is set; read-only afterwards.
-    std::optional<Termination> termination_;
-    MonotonicTimestamp finishTime_;
+    // Written by the finishing thread before the state says finished; read-only afterwards.
+    MonotonicTimestamp finishTime_{};
+    std::atomic<std::uintptr_t> state_{0};
+    alignas(Termination) std::byte terminationStorage_[sizeof(Termination)];
+    alignas(ObserverNode) std::byte inlineNode_[sizeof(ObserverNode)];
 };
 
 template <class T>

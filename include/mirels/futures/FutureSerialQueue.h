@@ -127,8 +127,17 @@ class FutureSerialQueue final : public std::enable_shared_from_this<FutureSerial
             if (!next) return;
 
             // The placeholder exists so that `running` is set inside the lock, before the
-            // caller's work starts outside it; the caller's future follows it.
-            next->promise.track(placeholder->future);
+            // caller's work starts outside it; the caller's future follows it. Only the
+            // placeholder's outcome needs forwarding: a cancel of the caller's future already
+            // reaches the placeholder through `cancelOperation`, registered at enqueue.
+            placeholder->future.object()->_observeFinish(
+                [promise = std::move(next->promise)](const FutureTermination<T>& termination) {
+                    if (const Result<T>* result = termination.resultIfCompleted()) {
+                        promise.fulfill(*result);
+                    } else {
+                        promise.cancel(*termination.canceledCallsite());
+                    }
+                });
             dequeueLane_.execute([self = this->shared_from_this(), operation = std::move(*next),
                                   promise = std::move(placeholder->promise)]() mutable {
                 self->start(std::move(operation), std::move(promise));

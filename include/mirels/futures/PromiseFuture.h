@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <type_traits>
@@ -20,7 +21,7 @@ std::string transitionErrorText(const std::string& from, const std::string& to);
 
 /// The future behind a `Promise`: the one kind whose termination is set from outside.
 ///
-/// Transitions follow three rules, decided in one step under the future's lock: a running
+/// Transitions follow three rules, decided in one atomic step on the future's state: a running
 /// future takes the requested termination; a succeeded or failed future refuses a second
 /// completion (`TransitionError`) and ignores a cancel; a canceled future ignores everything,
 /// so a producer that completes after its consumer canceled is silently ignored.
@@ -88,6 +89,22 @@ class PromiseFuture final : public AbstractFuture<T> {
         }
     }
 
+    /// `transition` to the termination that `make()` returns, built in the future's own storage
+    /// and only when the future is running; `completes` says whether it is a completion.
+    template <class Make>
+    void transitionInPlace(bool completes, Make&& make) {
+        bool refused = false;
+        this->finishInPlace(
+            [&](const FutureTermination<T>& present) {
+                refused = present.isCompleted() && completes;
+            },
+            [&](void* storage) { ::new (storage) FutureTermination<T>(make()); });
+        if (refused) {
+            detail::reportSoftAssertionFailure(
+                detail::futureCallsite(detail::FutureFunction::transition));
+        }
+    }
+
     /// Finishes the future canceled from `callsite`, unless it has finished already.
     void cancel(Callsite callsite = Callsite::current()) override {
         transition(FutureTermination<T>::canceled(callsite));
@@ -115,7 +132,8 @@ class Promise {
     /// Completes with `result`; a second completion is reported as a soft assertion and
     /// ignored, as are completions after a cancel.
     void fulfill(Result<T> result) const {
-        finishing()->transition(FutureTermination<T>::completed(std::move(result)));
+        finishing()->transitionInPlace(
+            true, [&] { return FutureTermination<T>::completed(std::move(result)); });
     }
 
     /// Runs `handler` at once on the calling thread and completes with its value, or with the
@@ -139,16 +157,18 @@ class Promise {
     void succeed(FutureValue<T> value) const
         requires(!std::is_void_v<T>)
     {
-        finishing()->transition(FutureTermination<T>::succeeded(std::move(value)));
+        finishing()->transitionInPlace(
+            true, [&] { return FutureTermination<T>::succeeded(std::move(value)); });
     }
     void succeed() const
         requires std::is_void_v<T>
     {
-        finishing()->transition(FutureTermination<T>::succeeded());
+        finishing()->transitionInPlace(true, [] { return FutureTermination<T>::succeeded(); });
     }
 
     void fail(Error error) const {
-        finishing()->transition(FutureTermination<T>::failed(std::move(error)));
+        finishing()->transitionInPlace(
+            true, [&] { return FutureTermination<T>::failed(std::move(error)); });
     }
 
     /// Finishes the future canceled from `callsite`; ignored once it has finished.
