@@ -41,6 +41,13 @@ Point unit(Point v) {
     return {v.x / length, v.y / length};
 }
 
+/// Whether products of `v`'s coordinates neither underflow nor overflow, so the direct formulas
+/// (exact for exact inputs) can be used; otherwise the vector is normalised first.
+bool wellScaled(Point v) {
+    const double squared = dot(v, v);
+    return std::isnormal(squared) && squared < 1e300;
+}
+
 bool parallel(Point u, Point v) {
     return std::abs(cross(unit(u), unit(v))) <= geometryTolerance;
 }
@@ -74,7 +81,10 @@ Point Line::pointAt(double t) const noexcept {
 
 double Line::parameterOf(Point point) const noexcept {
     const double length = norm(direction);
-    return length == 0 ? 0 : dot(minus(point, origin), unit(direction)) / length;
+    if (length == 0) return 0;
+    const Point offset = minus(point, origin);
+    if (wellScaled(direction)) return dot(offset, direction) / dot(direction, direction);
+    return dot(offset, unit(direction)) / length;
 }
 
 Point Line::projection(Point point) const noexcept {
@@ -84,7 +94,9 @@ Point Line::projection(Point point) const noexcept {
 double Line::distance(Point point) const noexcept {
     const double length = norm(direction);
     const Point offset = minus(point, origin);
-    return length == 0 ? norm(offset) : std::abs(cross(offset, unit(direction)));
+    if (length == 0) return norm(offset);
+    if (wellScaled(direction)) return std::abs(cross(offset, direction)) / length;
+    return std::abs(cross(offset, unit(direction)));
 }
 
 bool Line::contains(Point point) const noexcept {
@@ -104,9 +116,12 @@ LineIntersection Line::intersection(const Line& other) const noexcept {
         if (contains(other.origin)) return *this;
         return NoIntersection{};
     }
-    const double t =
-        cross(minus(other.origin, origin), other.direction) / cross(direction, other.direction);
-    return pointAt(t);
+    const Point offset = minus(other.origin, origin);
+    if (wellScaled(direction) && wellScaled(other.direction)) {
+        return pointAt(cross(offset, other.direction) / cross(direction, other.direction));
+    }
+    const Point across = unit(other.direction);
+    return pointAt(cross(offset, across) / cross(direction, across));
 }
 
 // MARK: - Segment
@@ -165,10 +180,18 @@ SegmentIntersection Segment::intersection(const Segment& other) const noexcept {
         };
         return Segment{exact(low), exact(high)};
     }
-    const Point rUnit = unit(r);
-    const Point sUnit = unit(s);
-    const double t = cross(offset, sUnit) / cross(r, sUnit);
-    const double u = cross(offset, rUnit) / cross(rUnit, s);
+    double t = 0;
+    double u = 0;
+    if (wellScaled(r) && wellScaled(s)) {
+        const double denominator = cross(r, s);
+        t = cross(offset, s) / denominator;
+        u = cross(offset, r) / denominator;
+    } else {
+        const Point rUnit = unit(r);
+        const Point sUnit = unit(s);
+        t = cross(offset, sUnit) / cross(r, sUnit);
+        u = cross(offset, rUnit) / cross(rUnit, s);
+    }
     if (!onSegmentParameter(t) || !onSegmentParameter(u)) return NoIntersection{};
     const double clampedU = std::clamp(u, 0.0, 1.0);
     if (clampedU == 0 || clampedU == 1) return other.pointAt(clampedU);

@@ -58,7 +58,7 @@ class AdjacentPairsView : public std::ranges::view_interface<AdjacentPairsView<V
 
     template <bool Const>
     class Iterator {
-        using Base = detail::MaybeConst<Const, V>;
+        using Base = detail::SequenceMaybeConst<Const, V>;
         using BaseIterator = std::ranges::iterator_t<Base>;
         friend AdjacentPairsView;
         friend class Iterator<!Const>;
@@ -172,7 +172,7 @@ class AdjacentPairsView : public std::ranges::view_interface<AdjacentPairsView<V
 
     template <bool Const>
     class Sentinel {
-        using Base = detail::MaybeConst<Const, V>;
+        using Base = detail::SequenceMaybeConst<Const, V>;
         friend AdjacentPairsView;
 
       public:

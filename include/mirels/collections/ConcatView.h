@@ -93,7 +93,7 @@ class ConcatView : public std::ranges::view_interface<ConcatView<Vs...>> {
 
     template <bool Const>
     using LastPart =
-        detail::MaybeConst<Const, std::tuple_element_t<partCount - 1, std::tuple<Vs...>>>;
+        detail::SequenceMaybeConst<Const, std::tuple_element_t<partCount - 1, std::tuple<Vs...>>>;
 
   public:
     template <bool Const>
@@ -172,33 +172,34 @@ template <std::ranges::input_range... Vs>
     requires(sizeof...(Vs) >= 1) && (std::ranges::view<Vs> && ...) && detail::Concatenatable<Vs...>
 template <bool Const>
 class ConcatView<Vs...>::Iterator
-    : public ConcatIteratorCategoryBase<
-          Const,
-          std::common_reference_t<std::ranges::range_reference_t<detail::MaybeConst<Const, Vs>>...>,
-          detail::MaybeConst<Const, Vs>...> {
-    using Parent = detail::MaybeConst<Const, ConcatView>;
+    : public ConcatIteratorCategoryBase<Const,
+                                        std::common_reference_t<std::ranges::range_reference_t<
+                                            detail::SequenceMaybeConst<Const, Vs>>...>,
+                                        detail::SequenceMaybeConst<Const, Vs>...> {
+    using Parent = detail::SequenceMaybeConst<Const, ConcatView>;
     template <std::size_t I>
-    using Part = detail::MaybeConst<Const, std::tuple_element_t<I, std::tuple<Vs...>>>;
-    using Base = std::variant<std::ranges::iterator_t<detail::MaybeConst<Const, Vs>>...>;
+    using Part = detail::SequenceMaybeConst<Const, std::tuple_element_t<I, std::tuple<Vs...>>>;
+    using Base = std::variant<std::ranges::iterator_t<detail::SequenceMaybeConst<Const, Vs>>...>;
 
-    static constexpr bool isForward = detail::ConcatForward<detail::MaybeConst<Const, Vs>...>;
+    static constexpr bool isForward =
+        detail::ConcatForward<detail::SequenceMaybeConst<Const, Vs>...>;
     static constexpr bool isBidirectional =
-        detail::ConcatBidirectional<detail::MaybeConst<Const, Vs>...>;
+        detail::ConcatBidirectional<detail::SequenceMaybeConst<Const, Vs>...>;
     static constexpr bool isRandomAccess =
-        detail::ConcatRandomAccess<detail::MaybeConst<Const, Vs>...>;
+        detail::ConcatRandomAccess<detail::SequenceMaybeConst<Const, Vs>...>;
 
     friend ConcatView;
     friend class Iterator<!Const>;
 
   public:
     using iterator_concept =
-        decltype(detail::concatIteratorConcept<detail::MaybeConst<Const, Vs>...>());
+        decltype(detail::concatIteratorConcept<detail::SequenceMaybeConst<Const, Vs>...>());
     using value_type =
-        std::common_type_t<std::ranges::range_value_t<detail::MaybeConst<Const, Vs>>...>;
-    using difference_type =
-        std::common_type_t<std::ranges::range_difference_t<detail::MaybeConst<Const, Vs>>...>;
-    using reference =
-        std::common_reference_t<std::ranges::range_reference_t<detail::MaybeConst<Const, Vs>>...>;
+        std::common_type_t<std::ranges::range_value_t<detail::SequenceMaybeConst<Const, Vs>>...>;
+    using difference_type = std::common_type_t<
+        std::ranges::range_difference_t<detail::SequenceMaybeConst<Const, Vs>>...>;
+    using reference = std::common_reference_t<
+        std::ranges::range_reference_t<detail::SequenceMaybeConst<Const, Vs>>...>;
 
     Iterator() = default;
 
@@ -212,12 +213,12 @@ class ConcatView<Vs...>::Iterator
         : parent_(other.parent_), it_(convertFrom(std::move(other.it_))) {}
 
     constexpr reference operator*() const {
-        return detail::visitIndex<partCount>(
+        return detail::visitSequenceIndex<partCount>(
             it_.index(), [&](auto i) -> reference { return *std::get<i.value>(it_); });
     }
 
     constexpr Iterator& operator++() {
-        detail::visitIndex<partCount>(it_.index(), [&](auto i) {
+        detail::visitSequenceIndex<partCount>(it_.index(), [&](auto i) {
             ++std::get<i.value>(it_);
             satisfy<i.value>();
         });
@@ -241,7 +242,7 @@ class ConcatView<Vs...>::Iterator
     constexpr Iterator& operator--()
         requires isBidirectional
     {
-        detail::visitIndex<partCount>(it_.index(), [&](auto i) { retreat<i.value>(); });
+        detail::visitSequenceIndex<partCount>(it_.index(), [&](auto i) { retreat<i.value>(); });
         return *this;
     }
 
@@ -256,7 +257,7 @@ class ConcatView<Vs...>::Iterator
     constexpr Iterator& operator+=(difference_type n)
         requires isRandomAccess
     {
-        detail::visitIndex<partCount>(it_.index(), [&](auto i) {
+        detail::visitSequenceIndex<partCount>(it_.index(), [&](auto i) {
             constexpr std::size_t I = i.value;
             const auto offset = static_cast<difference_type>(
                 std::get<I>(it_) - std::ranges::begin(std::get<I>(parent_->parts_)));
@@ -316,7 +317,8 @@ class ConcatView<Vs...>::Iterator
     }
 
     friend constexpr bool operator==(const Iterator& a, const Iterator& b)
-        requires(std::equality_comparable<std::ranges::iterator_t<detail::MaybeConst<Const, Vs>>> &&
+        requires(std::equality_comparable<
+                     std::ranges::iterator_t<detail::SequenceMaybeConst<Const, Vs>>> &&
                  ...)
     {
         return a.it_ == b.it_;
@@ -336,10 +338,11 @@ class ConcatView<Vs...>::Iterator
 
     friend constexpr decltype(auto) iter_move(const Iterator& it) {
         using RvalueReference = std::common_reference_t<
-            std::ranges::range_rvalue_reference_t<detail::MaybeConst<Const, Vs>>...>;
-        return detail::visitIndex<partCount>(it.it_.index(), [&](auto i) -> RvalueReference {
-            return std::ranges::iter_move(std::get<i.value>(it.it_));
-        });
+            std::ranges::range_rvalue_reference_t<detail::SequenceMaybeConst<Const, Vs>>...>;
+        return detail::visitSequenceIndex<partCount>(
+            it.it_.index(), [&](auto i) -> RvalueReference {
+                return std::ranges::iter_move(std::get<i.value>(it.it_));
+            });
     }
 
   private:
@@ -349,7 +352,7 @@ class ConcatView<Vs...>::Iterator
 
     template <class OtherBase>
     static constexpr Base convertFrom(OtherBase other) {
-        return detail::visitIndex<partCount>(other.index(), [&](auto i) -> Base {
+        return detail::visitSequenceIndex<partCount>(other.index(), [&](auto i) -> Base {
             return Base(std::in_place_index<i.value>, std::move(std::get<i.value>(other)));
         });
     }
@@ -440,7 +443,7 @@ class ConcatView<Vs...>::Iterator
 
     /// Distance from the start of the whole sequence.
     constexpr difference_type position() const {
-        return detail::visitIndex<partCount>(it_.index(), [&](auto i) {
+        return detail::visitSequenceIndex<partCount>(it_.index(), [&](auto i) {
             constexpr std::size_t I = i.value;
             difference_type before = 0;
             [&]<std::size_t... P>(std::index_sequence<P...>) {

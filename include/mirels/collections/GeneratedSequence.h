@@ -15,9 +15,9 @@ namespace mirels {
 
 namespace detail {
 template <class T>
-struct IsOptional : std::false_type {};
+struct IsOptionalResult : std::false_type {};
 template <class T>
-struct IsOptional<std::optional<T>> : std::true_type {};
+struct IsOptionalResult<std::optional<T>> : std::true_type {};
 }  // namespace detail
 
 /// A step from one element to the next: either `T -> T` (the sequence never ends) or
@@ -44,8 +44,8 @@ concept SequenceStep =
 template <std::copy_constructible T, SequenceStep<T> Step>
     requires std::is_object_v<T> && std::is_object_v<Step>
 class GeneratedView : public std::ranges::view_interface<GeneratedView<T, Step>> {
-    static constexpr bool isFinite =
-        detail::IsOptional<std::remove_cvref_t<std::invoke_result_t<const Step&, const T&>>>::value;
+    static constexpr bool isFinite = detail::IsOptionalResult<
+        std::remove_cvref_t<std::invoke_result_t<const Step&, const T&>>>::value;
 
   public:
     class Iterator {
@@ -116,8 +116,8 @@ class GeneratedView : public std::ranges::view_interface<GeneratedView<T, Step>>
     }
 
   private:
-    detail::AssignableBox<T> seed_;
-    detail::AssignableBox<Step> step_;
+    detail::SequenceBox<T> seed_;
+    detail::SequenceBox<Step> step_;
 };
 
 /// The values a generator returns until it first returns an absent value.
@@ -130,7 +130,7 @@ class GeneratedView : public std::ranges::view_interface<GeneratedView<T, Step>>
 /// iterated.
 template <class Generator>
     requires std::is_object_v<Generator> && std::invocable<Generator&> &&
-             detail::IsOptional<std::remove_cvref_t<std::invoke_result_t<Generator&>>>::value
+             detail::IsOptionalResult<std::remove_cvref_t<std::invoke_result_t<Generator&>>>::value
 class GeneratorView : public std::ranges::view_interface<GeneratorView<Generator>> {
   public:
     using Element = typename std::remove_cvref_t<std::invoke_result_t<Generator&>>::value_type;
@@ -193,7 +193,7 @@ class GeneratorView : public std::ranges::view_interface<GeneratorView<Generator
         }
     }
 
-    detail::AssignableBox<Generator> generator_;
+    detail::SequenceBox<Generator> generator_;
     std::optional<Element> current_;
     bool started_ = false;
     bool finished_ = false;
@@ -216,7 +216,7 @@ inline constexpr struct GeneratedFunction {
 
     template <class Generator>
         requires std::invocable<std::decay_t<Generator>&> &&
-                 detail::IsOptional<
+                 detail::IsOptionalResult<
                      std::remove_cvref_t<std::invoke_result_t<std::decay_t<Generator>&>>>::value
     auto operator()(Generator&& generator) const {
         return GeneratorView<std::decay_t<Generator>>(std::forward<Generator>(generator));

@@ -166,7 +166,7 @@ class RecursiveView : public std::ranges::view_interface<RecursiveView<Order, Ro
 
   private:
     Roots roots_{};
-    detail::AssignableBox<Children> children_;
+    detail::SequenceBox<Children> children_;
 };
 
 namespace views {

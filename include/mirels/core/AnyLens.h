@@ -18,17 +18,17 @@ class AnyLens;
 namespace detail {
 
 template <class Member>
-struct DataMember {};
+struct LensDataMember {};
 template <class Class, class T>
-struct DataMember<T Class::*> {
+struct LensDataMember<T Class::*> {
     using Owner = Class;
     using Type = T;
 };
 
 /// A pointer to a data member of `Owner`.
 template <class Member, class Owner>
-concept DataMemberOf = std::is_member_object_pointer_v<Member> &&
-                       std::same_as<typename DataMember<Member>::Owner, Owner>;
+concept LensDataMemberOf = std::is_member_object_pointer_v<Member> &&
+                           std::same_as<typename LensDataMember<Member>::Owner, Owner>;
 
 /// What a lens does, behind the type erasure. `address` gives the value's storage inside the root
 /// when the lens reaches a stored member (so composition can reach through without copying), and
@@ -197,9 +197,9 @@ class AnyLens {
 
     /// Composition with a data member of the value: `lens.then(&Value::member)`.
     template <class Member>
-        requires detail::DataMemberOf<Member, Value>
+        requires detail::LensDataMemberOf<Member, Value>
     auto then(Member member) const {
-        using Inner = typename detail::DataMember<Member>::Type;
+        using Inner = typename detail::LensDataMember<Member>::Type;
         return then(AnyLens<Value, Inner>(member));
     }
 
@@ -208,7 +208,7 @@ class AnyLens {
         return outer.then(std::move(inner));
     }
     template <class Member>
-        requires detail::DataMemberOf<Member, Value>
+        requires detail::LensDataMemberOf<Member, Value>
     friend auto operator/(const AnyLens& outer, Member member) {
         return outer.then(member);
     }

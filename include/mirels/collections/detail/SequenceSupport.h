@@ -10,24 +10,24 @@
 namespace mirels::detail {
 
 template <bool Const, class T>
-using MaybeConst = std::conditional_t<Const, const T, T>;
+using SequenceMaybeConst = std::conditional_t<Const, const T, T>;
 
 /// Holds a callable or value inside a view and makes it assignable even when it is not (a lambda
 /// with captures is copyable but not assignable, and views must be assignable). Assignment
 /// destroys and re-creates the held object. Never empty after construction.
 template <class T>
     requires std::is_object_v<T> && std::move_constructible<T>
-class AssignableBox {
+class SequenceBox {
   public:
-    AssignableBox()
+    SequenceBox()
         requires std::default_initializable<T>
         : value_(std::in_place) {}
-    explicit AssignableBox(T value) : value_(std::in_place, std::move(value)) {}
+    explicit SequenceBox(T value) : value_(std::in_place, std::move(value)) {}
 
-    AssignableBox(const AssignableBox&) = default;
-    AssignableBox(AssignableBox&&) = default;
+    SequenceBox(const SequenceBox&) = default;
+    SequenceBox(SequenceBox&&) = default;
 
-    AssignableBox& operator=(const AssignableBox& other)
+    SequenceBox& operator=(const SequenceBox& other)
         requires std::copy_constructible<T>
     {
         if (this != &other) {
@@ -37,8 +37,7 @@ class AssignableBox {
         return *this;
     }
 
-    AssignableBox& operator=(AssignableBox&& other) noexcept(
-        std::is_nothrow_move_constructible_v<T>) {
+    SequenceBox& operator=(SequenceBox&& other) noexcept(std::is_nothrow_move_constructible_v<T>) {
         if (this != &other) {
             value_.reset();
             value_.emplace(std::move(*other.value_));
@@ -59,12 +58,12 @@ class AssignableBox {
 /// below `N`): a chain of comparisons the compiler folds when `index` is known, and otherwise a
 /// short jump sequence. Every `f(I)` must return the same type.
 template <std::size_t N, std::size_t I = 0, class F>
-constexpr decltype(auto) visitIndex(std::size_t index, F&& f) {
+constexpr decltype(auto) visitSequenceIndex(std::size_t index, F&& f) {
     if constexpr (I + 1 == N) {
         return std::forward<F>(f)(std::integral_constant<std::size_t, I>{});
     } else {
         if (index == I) return std::forward<F>(f)(std::integral_constant<std::size_t, I>{});
-        return visitIndex<N, I + 1>(index, std::forward<F>(f));
+        return visitSequenceIndex<N, I + 1>(index, std::forward<F>(f));
     }
 }
 
