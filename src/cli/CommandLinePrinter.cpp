@@ -90,7 +90,8 @@ std::size_t characterCount(std::string_view text) noexcept {
     std::size_t count = 0;
     std::size_t index = 0;
     while (index < text.size()) {
-        if (!isZeroWidth(decodeCodePoint(text, index))) ++count;
+        // A mark with nothing before it to attach to is shown as a character of its own.
+        if (!isZeroWidth(decodeCodePoint(text, index)) || count == 0) ++count;
     }
     return count;
 }

@@ -38,7 +38,8 @@ TEST(CommandLinePrinter, PaddingRepeatsWholePadsAndCountsCharacters) {
     EXPECT_EQ(padded("abc", 3, "", PaddingPosition::leading), "abc");  // long enough: no pad
     EXPECT_EQ(padded("héé", 5, "·", PaddingPosition::trailing), "héé··");
     EXPECT_EQ(padded("", 2, "é", PaddingPosition::leading), "éé");
-    EXPECT_EQ(characterCount("e\xcc\x81"), 1u);  // e and a combining acute accent
+    EXPECT_EQ(characterCount("e\xcc\x81"), 1u);         // e and a combining acute accent
+    EXPECT_EQ(characterCount("\xcc\x81\xcc\x81"), 1u);  // marks with nothing to attach to
     EXPECT_EQ(characterCount("\xff\xfe"
                              "a"),
               3u);                              // invalid bytes count one each

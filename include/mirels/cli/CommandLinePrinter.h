@@ -45,8 +45,9 @@ std::optional<CommandLinePrintingAttribute> commandLinePrintingAttribute(int raw
 enum class PaddingPosition { leading, trailing };
 
 /// The number of characters of `text` as a terminal shows them: a UTF-8 sequence counts once,
-/// combining marks, variation selectors and zero-width joiners count nothing, and a byte that
-/// is not valid UTF-8 counts as one character.
+/// combining marks, variation selectors and zero-width joiners count nothing (except at the start,
+/// where they have nothing to attach to), and a byte that is not valid UTF-8 counts as one
+/// character. Only the empty text has no characters.
 std::size_t characterCount(std::string_view text) noexcept;
 
 /// `text` padded with whole copies of `pad` to at least `length` characters: text that is long
