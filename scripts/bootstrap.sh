@@ -10,9 +10,10 @@ packages=(
   # test and benchmark frameworks
   libgtest-dev libgmock-dev libbenchmark-dev
   # runtime dependencies of the library
-  libplist-dev libsystemd-dev
+  libplist-dev libsystemd-dev libpcre2-dev libsimdjson-dev
   # peers measured side by side in bench/
   libabsl-dev libasio-dev libboost-thread1.81-dev libsigc++-3.0-dev libtsl-ordered-map-dev
+  nlohmann-json3-dev rapidjson-dev
 )
 
 missing=()
