@@ -46,15 +46,20 @@ class FileEventThread {
         return *instance;
     }
 
-    /// Registers `fd`; `onReadable` runs on this thread, must be short and must not throw.
-    /// Returns 0 when epoll refuses the descriptor.
-    std::uint64_t add(int fd, UniqueFunction<void()> onReadable) {
+    /// A fresh registration number for `add`.
+    std::uint64_t nextId() {
+        std::lock_guard guard(lock_);
+        return ++lastId_;
+    }
+
+    /// Registers `fd` under `id` (from `nextId`, stored by the caller before this call so that
+    /// the callback sees it); `onReadable` runs on this thread, must be short and must not
+    /// throw. Returns false when epoll refuses the descriptor.
+    bool add(std::uint64_t id, int fd, UniqueFunction<void()> onReadable) {
         std::shared_ptr<UniqueFunction<void()>> callback =
             std::make_shared<UniqueFunction<void()>>(std::move(onReadable));
-        std::uint64_t id = 0;
         {
             std::lock_guard guard(lock_);
-            id = ++lastId_;
             callbacks_.emplace(id, std::move(callback));
         }
         epoll_event event{};
@@ -63,9 +68,9 @@ class FileEventThread {
         if (epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &event) != 0) {
             std::lock_guard guard(lock_);
             callbacks_.erase(id);
-            return 0;
+            return false;
         }
-        return id;
+        return true;
     }
 
     /// Waits for the next event of `fd` again.
@@ -108,10 +113,12 @@ class FileEventThread {
                 return;
             }
             for (int i = 0; i < count; ++i) {
+                // epoll_event is packed: copy the field out before taking references to it.
+                const std::uint64_t id = events[i].data.u64;
                 std::shared_ptr<UniqueFunction<void()>> callback;
                 {
                     std::lock_guard guard(lock_);
-                    auto found = callbacks_.find(events[i].data.u64);
+                    auto found = callbacks_.find(id);
                     if (found != callbacks_.end()) callback = found->second;
                 }
                 if (callback) (*callback)();
@@ -154,14 +161,40 @@ bool isReportName(std::string_view name) {
 
 }  // namespace
 
+/// The future of one request: a kind of its own, so that a cancel (by the caller or a
+/// time-out) takes the request out of the listener before the future finishes canceled.
+class ListenerFuture final : public AbstractFuture<CrashReport> {
+  public:
+    using Termination = FutureTermination<CrashReport>;
+
+    ListenerFuture(Callsite callsite, std::weak_ptr<CrashReportListener::State> state)
+        : AbstractFuture<CrashReport>(callsite), state_(std::move(state)) {}
+
+    void setIdentifier(std::uint64_t identifier) noexcept {
+        identifier_.store(identifier, std::memory_order_release);
+    }
+
+    /// Finishes the future unless it has finished (been canceled) already.
+    void finish(Termination termination) {
+        this->finishIfRunning(termination, [](const Termination&) {});
+    }
+
+    void cancel(Callsite callsite) override;
+
+  private:
+    std::weak_ptr<CrashReportListener::State> state_;
+    std::atomic<std::uint64_t> identifier_{0};
+};
+
 struct CrashReportListener::Request {
     std::uint64_t id = 0;
     std::optional<std::string> name;
     std::optional<std::int32_t> pid;
-    std::optional<Promise<CrashReport>> promise;
+    std::shared_ptr<ListenerFuture> future;
 
     bool matches(const CrashReport& report) const {
-        return name ? report.name() == *name : report.pid() == *pid;
+        if (name) return report.name() == *name;
+        return pid && report.pid() == *pid;
     }
 };
 
@@ -193,56 +226,75 @@ struct CrashReportListener::State : std::enable_shared_from_this<State> {
 
     std::filesystem::path folder;
     std::shared_ptr<DispatchQueue> queue;
-    ThreadSafe<Inner> inner;
+    ThreadSafe<Inner> inner{Inner{}};
 
-    /// Starts watching (under the lock, before the request that needs it is added, so that
-    /// nothing completed after the request is missed). Returns the reason on failure.
-    std::optional<std::string> startWatch(Inner& state) {
+    /// A new watch of the folder, registered with the event thread, or the reason it failed.
+    /// Made outside the lock; events that arrive before it is installed are for files completed
+    /// before the request that needs it, and are dropped by `drain`.
+    std::shared_ptr<Watch> makeWatch(std::string& failure) {
         auto watch = std::make_shared<Watch>();
         clock_gettime(CLOCK_REALTIME_COARSE, &watch->started);
         watch->directoryFd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (watch->directoryFd < 0) return "cannot open the folder: " + errnoText(errno);
+        if (watch->directoryFd < 0) {
+            failure = "cannot open the folder: " + errnoText(errno);
+            return nullptr;
+        }
         watch->inotifyFd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-        if (watch->inotifyFd < 0) return "cannot make an inotify instance: " + errnoText(errno);
+        if (watch->inotifyFd < 0) {
+            failure = "cannot make an inotify instance: " + errnoText(errno);
+            return nullptr;
+        }
         if (inotify_add_watch(watch->inotifyFd, folder.c_str(),
                               IN_CLOSE_WRITE | IN_MOVED_TO | IN_ONLYDIR | IN_EXCL_UNLINK) < 0) {
-            return "cannot watch the folder: " + errnoText(errno);
+            failure = "cannot watch the folder: " + errnoText(errno);
+            return nullptr;
         }
         std::weak_ptr<State> weakState = weak_from_this();
         std::weak_ptr<Watch> weakWatch = watch;
-        watch->eventId = FileEventThread::shared().add(watch->inotifyFd, [weakState, weakWatch] {
-            std::shared_ptr<State> self = weakState.lock();
-            std::shared_ptr<Watch> current = weakWatch.lock();
-            if (!self || !current) return;
-            self->queue->async([self, current] { self->drain(current); });
-        });
-        if (watch->eventId == 0) return "cannot wait for file events: " + errnoText(errno);
-        state.watch = std::move(watch);
-        return std::nullopt;
-    }
-
-    /// Takes the watch out of `state` when nobody waits any more; the caller drops it after the
-    /// lock.
-    static std::shared_ptr<Watch> stopWatchIfIdle(Inner& state) {
-        if (!state.requests.empty() || !state.watch) return nullptr;
-        std::shared_ptr<Watch> watch = std::move(state.watch);
-        FileEventThread::shared().remove(watch->eventId, watch->inotifyFd);
+        watch->eventId = FileEventThread::shared().nextId();
+        const bool added =
+            FileEventThread::shared().add(watch->eventId, watch->inotifyFd, [weakState, weakWatch] {
+                std::shared_ptr<State> self = weakState.lock();
+                std::shared_ptr<Watch> current = weakWatch.lock();
+                if (!self || !current) return;
+                self->queue->async([self, current] { self->drain(current); });
+            });
+        if (!added) {
+            failure = "cannot wait for file events: " + errnoText(errno);
+            watch->eventId = 0;
+            return nullptr;
+        }
         return watch;
     }
 
+    /// Unregisters and drops a watch taken out of the state (called after the lock).
+    static void retire(const std::shared_ptr<Watch>& watch) {
+        if (watch && watch->eventId != 0) {
+            FileEventThread::shared().remove(watch->eventId, watch->inotifyFd);
+        }
+    }
+
+    /// Takes the watch out of `state` when nobody waits any more; the caller retires it after
+    /// the lock.
+    static std::shared_ptr<Watch> takeWatchIfIdle(Inner& state) {
+        if (!state.requests.empty()) return nullptr;
+        return std::move(state.watch);
+    }
+
     void removeRequest(std::uint64_t id) {
-        std::optional<Promise<CrashReport>> removed;
+        std::shared_ptr<ListenerFuture> removed;
         std::shared_ptr<Watch> stopped = inner.syncWrite([&](Inner& state) {
             for (auto it = state.requests.begin(); it != state.requests.end(); ++it) {
                 if (it->id == id) {
-                    removed = std::move(it->promise);
+                    removed = std::move(it->future);
                     state.requests.erase(it);
                     break;
                 }
             }
-            return stopWatchIfIdle(state);
+            return takeWatchIfIdle(state);
         });
-        // The promise and the watch are released here, outside the lock.
+        retire(stopped);
+        // The future and the watch are released here, outside the lock.
     }
 
     /// Runs on the queue: reads the pending events, re-arms, and looks at each new file.
@@ -369,18 +421,19 @@ struct CrashReportListener::State : std::enable_shared_from_this<State> {
 
     /// Answers the oldest request the report matches, if any.
     void deliver(const CrashReport& report) {
-        std::optional<Promise<CrashReport>> promise;
+        std::shared_ptr<ListenerFuture> future;
         std::shared_ptr<Watch> stopped = inner.syncWrite([&](Inner& state) {
             for (auto it = state.requests.begin(); it != state.requests.end(); ++it) {
                 if (it->matches(report)) {
-                    promise = std::move(it->promise);
+                    future = std::move(it->future);
                     state.requests.erase(it);
                     break;
                 }
             }
-            return stopWatchIfIdle(state);
+            return takeWatchIfIdle(state);
         });
-        if (promise) promise->succeed(report);
+        retire(stopped);
+        if (future) future->finish(ListenerFuture::Termination::succeeded(report));
     }
 };
 
@@ -397,10 +450,11 @@ CrashReportListener::~CrashReportListener() {
     std::shared_ptr<Watch> stopped = state_->inner.syncWrite([&](State::Inner& state) {
         requests = std::move(state.requests);
         state.requests.clear();
-        return State::stopWatchIfIdle(state);
+        return State::takeWatchIfIdle(state);
     });
+    State::retire(stopped);
     for (Request& request : requests) {
-        if (request.promise) request.promise->cancel(Callsite::library("~CrashReportListener()"));
+        if (request.future) request.future->cancel(Callsite::library("~CrashReportListener()"));
     }
 }
 
@@ -442,28 +496,45 @@ Future<CrashReport> CrashReportListener::nextReport(std::int32_t pid, Callsite c
     return wait(std::move(request), callsite);
 }
 
+void ListenerFuture::cancel(Callsite callsite) {
+    const std::uint64_t identifier = identifier_.load(std::memory_order_acquire);
+    if (auto state = state_.lock(); state && identifier != 0) state->removeRequest(identifier);
+    finish(Termination::canceled(callsite));
+}
+
 Future<CrashReport> CrashReportListener::wait(Request request, Callsite callsite) {
-    auto pair = Future<CrashReport>::create(callsite);
-    request.promise = pair.promise;
-    std::optional<std::string> failure;
-    const std::uint64_t id = state_->inner.syncWrite([&](State::Inner& state) -> std::uint64_t {
-        if (!state.watch) {
-            failure = state_->startWatch(state);
-            if (failure) return 0;
+    auto future = std::make_shared<ListenerFuture>(callsite, std::weak_ptr<State>(state_));
+    request.future = future;
+    std::string failure;
+    std::uint64_t id = 0;
+    std::shared_ptr<Watch> fresh;
+    // The watch is made outside the lock; when another request installed one meanwhile, ours is
+    // not needed, and when the watch went away meanwhile, another is made.
+    while (id == 0 && failure.empty()) {
+        const bool needsWatch =
+            state_->inner.syncRead([](const State::Inner& state) { return !state.watch; });
+        if (needsWatch && !fresh) {
+            fresh = state_->makeWatch(failure);
+            if (!fresh) break;
         }
-        request.id = ++state.lastRequestId;
-        state.requests.push_back(std::move(request));
-        return state.lastRequestId;
-    });
-    if (failure) {
-        pair.promise.fail(Error(CrashReportListenerError(folder_.string(), *failure)));
-        return pair.future;
+        id = state_->inner.syncWrite([&](State::Inner& state) -> std::uint64_t {
+            if (!state.watch) {
+                if (!fresh) return 0;
+                state.watch = std::move(fresh);
+            }
+            request.id = ++state.lastRequestId;
+            future->setIdentifier(request.id);
+            state.requests.push_back(std::move(request));
+            return state.lastRequestId;
+        });
     }
-    // A cancel (by the caller or a time-out) stops waiting; the last one removes the watch.
-    pair.future.observeCancelation([weak = std::weak_ptr<State>(state_), id](Callsite) {
-        if (auto state = weak.lock()) state->removeRequest(id);
-    });
-    return pair.future;
+    State::retire(fresh);
+    fresh.reset();
+    if (id == 0) {
+        future->finish(ListenerFuture::Termination::failed(
+            Error(CrashReportListenerError(folder_.string(), failure))));
+    }
+    return Future<CrashReport>(std::move(future));
 }
 
 bool CrashReportListener::isWatching() const {

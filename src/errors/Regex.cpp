@@ -14,8 +14,8 @@ namespace {
 constexpr std::uint32_t matchLimit = 10'000'000;
 constexpr std::uint32_t depthLimit = 100'000;
 constexpr std::uint32_t heapLimitKibibytes = 64 * 1024;
-constexpr std::size_t jitStackStart = 32 * 1024;
-constexpr std::size_t jitStackMaximum = 8 * 1024 * 1024;
+constexpr std::size_t jitStackStart = std::size_t{32} * 1024;
+constexpr std::size_t jitStackMaximum = std::size_t{8} * 1024 * 1024;
 
 static_assert(Regex::multiline == PCRE2_MULTILINE);
 

@@ -13,6 +13,7 @@
 #include "mirels/errors/HumanReadableError.h"
 #include "mirels/execution/DispatchQueue.h"
 #include "mirels/futures/Future.h"
+#include "mirels/futures/FutureTermination.h"
 
 namespace mirels {
 

@@ -344,7 +344,12 @@ struct JsonTraits<OrderedDictionary<std::string, T>> {
         for (const auto& field : object) {
             T decoded = JsonTraits<T>::decode(field.value);
             // A repeated key keeps its first position and its last value.
-            result.set(std::string(field.key), std::move(decoded));
+            bool inserted = false;
+            T& slot = result.guaranteedValue(std::string(field.key), [&] {
+                inserted = true;
+                return std::move(decoded);
+            });
+            if (!inserted) slot = std::move(decoded);
         }
         return result;
     }
