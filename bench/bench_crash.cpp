@@ -5,11 +5,6 @@
 #include <rapidjson/document.h>
 #include <simdjson.h>
 
-// GCC 12 sees a dangling pointer inside simdjson's inline code that is not there.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wdangling-pointer"
-#endif
-
 #include <nlohmann/json.hpp>
 
 #define PCRE2_CODE_UNIT_WIDTH 8
@@ -78,14 +73,16 @@ CrashReport decodeWithoutPaths(const std::string& text) {
     simdjson::dom::element root = parser.parse_into_document(document, padded).value();
     simdjson::dom::object object = root.get_object().value();
     CrashReport::ApplicationSpecificInformation asi;
-    for (auto field : object["asi"].get_object().value()) {
+    const simdjson::dom::object asiObject = object["asi"].get_object().value();
+    for (auto field : asiObject) {
         std::vector<std::string> lines;
-        for (auto line : field.value.get_array().value())
-            lines.emplace_back(line.get_string().value());
+        const simdjson::dom::array lineArray = field.value.get_array().value();
+        for (auto line : lineArray) lines.emplace_back(line.get_string().value());
         asi.set(std::string(field.key), std::move(lines));
     }
     std::vector<CrashReport::Image> images;
-    for (auto value : object["images"].get_array().value()) {
+    const simdjson::dom::array imageArray = object["images"].get_array().value();
+    for (auto value : imageArray) {
         simdjson::dom::object image = value.get_object().value();
         images.push_back({std::string(image["uuid"].get_string().value()),
                           static_cast<std::intptr_t>(image["base"].get_int64().value()),
@@ -93,7 +90,8 @@ CrashReport decodeWithoutPaths(const std::string& text) {
                           std::string(image["name"].get_string().value())});
     }
     std::vector<CrashReport::Frame> frames;
-    for (auto value : object["frames"].get_array().value()) {
+    const simdjson::dom::array frameArray = object["frames"].get_array().value();
+    for (auto value : frameArray) {
         simdjson::dom::object frame = value.get_object().value();
         frames.push_back({static_cast<std::intptr_t>(frame["imageIndex"].get_int64().value()),
                           static_cast<std::intptr_t>(frame["imageOffset"].get_int64().value()),
