@@ -351,7 +351,7 @@ struct JsonDocument::Storage {
 };
 
 JsonDocument::JsonDocument(std::unique_ptr<Storage> storage)
-    : storage_(std::move(storage)), root_(storage_->root ? &*storage_->root : nullptr) {}
+    : storage_(std::move(storage)), root_(&storage_->root.value()) {}
 JsonDocument::JsonDocument(JsonDocument&&) noexcept = default;
 JsonDocument& JsonDocument::operator=(JsonDocument&&) noexcept = default;
 JsonDocument::~JsonDocument() = default;
