@@ -347,11 +347,15 @@ std::size_t JsonArray::size() const {
 
 struct JsonDocument::Storage {
     dom::document document;
-    std::optional<JsonValue> root;
+    JsonValue root;
+
+    // The root is read from the document at its final address: views hold that address.
+    explicit Storage(dom::document&& parsed)
+        : document(std::move(parsed)), root(wrap(document.root()), nullptr, {}, 0, false) {}
 };
 
 JsonDocument::JsonDocument(std::unique_ptr<Storage> storage)
-    : storage_(std::move(storage)), root_(&storage_->root.value()) {}
+    : storage_(std::move(storage)), root_(&storage_->root) {}
 JsonDocument::JsonDocument(JsonDocument&&) noexcept = default;
 JsonDocument& JsonDocument::operator=(JsonDocument&&) noexcept = default;
 JsonDocument::~JsonDocument() = default;
@@ -368,11 +372,11 @@ JsonDocument JsonDocument::parse(std::string_view text) {
     if (!text.empty()) std::memcpy(padded.data(), text.data(), text.size());
     std::memset(padded.data() + text.size(), 0, simdjson::SIMDJSON_PADDING);
 
-    auto storage = std::make_unique<Storage>();
+    dom::document document;
     dom::element root;
     const simdjson::error_code error =
         parser
-            .parse_into_document(storage->document,
+            .parse_into_document(document,
                                  reinterpret_cast<const std::uint8_t*>(padded.data()),  // NOLINT
                                  text.size(), false)
             .get(root);
@@ -381,7 +385,7 @@ JsonDocument JsonDocument::parse(std::string_view text) {
         message += simdjson::error_message(error);
         throw JsonDecodingError(JsonDecodingError::Kind::dataCorrupted, {}, std::move(message));
     }
-    storage->root.emplace(JsonValue(wrap(root), nullptr, {}, 0, false));
+    auto storage = std::make_unique<Storage>(std::move(document));
     return JsonDocument(std::move(storage));
 }
 
