@@ -10,7 +10,7 @@ packages=(
   # test and benchmark frameworks
   libgtest-dev libgmock-dev libbenchmark-dev
   # runtime dependencies of the library
-  libplist-dev libsystemd-dev
+  libplist-dev libsystemd-dev libpcre2-dev libsimdjson-dev
   # peers measured side by side in bench/
   libabsl-dev libasio-dev libboost-thread1.81-dev libsigc++-3.0-dev libtsl-ordered-map-dev
   libboost1.81-dev  # Boost.Process v1 (headers), beside bench_process
@@ -18,6 +18,7 @@ packages=(
   librange-v3-dev
   # benchmark tools: instruction counts (callgrind) and system calls per operation
   valgrind strace
+  nlohmann-json3-dev rapidjson-dev
 )
 
 missing=()

@@ -1,0 +1,33 @@
+#include "mirels/errors/CrashReportError.h"
+
+#include "mirels/core/Assertions.h"
+#include "mirels/platform/Log.h"
+
+namespace mirels {
+
+std::optional<std::string> CrashReportError::additionalDiagnostics() const {
+    return crashReport_.structuredDescription();
+}
+
+std::optional<HumanReadableErrorOptions> CrashReportError::options() const {
+    return HumanReadableErrorOptions::showCrashLogsButton;
+}
+
+namespace detail {
+
+std::unique_ptr<const Regex> compileCrashTextPattern(std::string_view pattern,
+                                                     std::uint32_t options, Callsite reportAs) {
+    std::string message;
+    std::unique_ptr<const Regex> regex = Regex::compile(pattern, options, &message);
+    if (regex == nullptr) {
+        static const Logger logger("org.mirels.foundation", "crash");
+        logger.fault("The pattern of %{public}@ does not compile: %{public}@",
+                     std::string_view(reportAs.function()), message);
+        reportSoftAssertionFailure(reportAs);
+    }
+    return regex;
+}
+
+}  // namespace detail
+
+}  // namespace mirels
