@@ -36,9 +36,12 @@ namespace detail {
 inline constexpr std::size_t anyValueInlineSize = 48;
 
 template <class T>
+inline constexpr bool anyValueFits = sizeof(T) <= anyValueInlineSize;
+template <class T>
+inline constexpr bool anyValueAlignmentFits = alignof(T) <= alignof(std::max_align_t);
+template <class T>
 inline constexpr bool anyValueStoredInline =
-    sizeof(T) <= anyValueInlineSize && alignof(T) <= alignof(std::max_align_t) &&
-    std::is_nothrow_move_constructible_v<T>;
+    anyValueFits<T> && anyValueAlignmentFits<T> && std::is_nothrow_move_constructible_v<T>;
 
 /// What one stored type can do; one static table per type and kind.
 struct AnyValueOperations {
@@ -346,8 +349,10 @@ class AnyHashable {
     /// Whether this holds a `T` equal to `value`.
     template <AnyHashableValue T>
     bool isEqual(const T& value) const {
-        const T* held = storage_.as<T>();
-        return held != nullptr && static_cast<bool>(*held == value);
+        const detail::AnyValueOperations* operations = storage_.operations();
+        // One table per type in this image: a pointer comparison settles the common case.
+        if (operations != &detail::anyHashableOperations<T> && !storage_.holds<T>()) return false;
+        return static_cast<bool>(*static_cast<const T*>(storage_.value()) == value);
     }
 
     // A template, so that it is found only for two AnyHashables and never converts an argument.

@@ -6,6 +6,7 @@
 #include <initializer_list>
 #include <memory>
 #include <optional>
+#include <ranges>
 #include <type_traits>
 #include <typeinfo>
 #include <utility>
@@ -171,8 +172,10 @@ class QueryResolutions {
     /// A table of one entry, for queries of type `Q`.
     template <Query Q>
     static QueryResolutions single(Resolution resolution) {
+        std::pair<detail::QueryTypeKey, Resolution> entry(detail::queryTypeKey<Q>(),
+                                                          std::move(resolution));
         QueryResolutions table;
-        table.storage_.resolutions.updateValue(std::move(resolution), detail::queryTypeKey<Q>());
+        table.storage_.resolutions = Dictionary(std::ranges::single_view(std::move(entry)), later);
         return table;
     }
 
@@ -181,14 +184,17 @@ class QueryResolutions {
 
     /// Adds the entries of `other`; its entry for a query type already present replaces ours.
     void merge(const QueryResolutions& other) {
-        if (other.storage_.resolutions.isEmpty()) return;
-        if (storage_.resolutions.isEmpty()) {
-            storage_ = other.storage_;  // shares the storage
+        if (other.isEmpty()) return;
+        if (isEmpty()) {
+            Dictionary shared(other.storage_.resolutions);  // one reference-count increment
+            storage_.resolutions = std::move(shared);
             return;
         }
-        for (const auto& [key, resolution] : other.storage_.resolutions) {
-            storage_.resolutions.updateValue(resolution, key);
-        }
+        std::vector<std::pair<detail::QueryTypeKey, Resolution>> entries(
+            storage_.resolutions.begin(), storage_.resolutions.end());
+        entries.insert(entries.end(), other.storage_.resolutions.begin(),
+                       other.storage_.resolutions.end());
+        storage_.resolutions = Dictionary(entries, later);
     }
 
     /// The answer of this table to `query` asked through `manager`: absent when the table has no
@@ -211,9 +217,17 @@ class QueryResolutions {
     bool isEmpty() const noexcept { return storage_.resolutions.isEmpty(); }
 
   private:
+    using Dictionary =
+        OrderedDictionary<detail::QueryTypeKey, Resolution, detail::QueryTypeKeyHash>;
+
     struct ResolutionStorage {
-        OrderedDictionary<detail::QueryTypeKey, Resolution, detail::QueryTypeKeyHash> resolutions;
+        Dictionary resolutions;
     };
+
+    /// For a repeated query type, the later entry.
+    static Resolution later(Resolution& /*earlier*/, Resolution&& later) {
+        return std::move(later);
+    }
 
     ResolutionStorage storage_;
 };

@@ -289,15 +289,16 @@ template <FutureQuery Q>
 QueryOutput<Q> QueryManager::cachedValue(const Q& query) {
     using Output = QueryOutput<Q>;
     using V = typename Output::Value;
-    static constexpr Callsite callsite = Callsite::library("cachedValue(for:)");
+    const Callsite callsite = Callsite::library("cachedValue(for:)");
 
-    std::optional<Output> result;
+    // The hit path copies the stored future out under the lock and nothing else.
+    std::shared_ptr<void> shared;
     std::optional<Promise<V>> created;
     pendingFuturesByQuery_.syncWrite(
         [&](PendingFutures& pending) {
             auto found = pending.futuresByQuery.find(query);
             if (found != pending.futuresByQuery.end()) {
-                result.emplace(std::static_pointer_cast<AbstractFuture<V>>(found->second));
+                shared = found->second;
                 return;
             }
             FutureAndPromise<V> made = Future<V>::create(callsite);
@@ -311,19 +312,18 @@ QueryOutput<Q> QueryManager::cachedValue(const Q& query) {
                     self->removeCompletedCachedFuture(key, identity);
                 }
             });
-            result.emplace(made.future);
             created.emplace(std::move(made.promise));
         },
         callsite);
-    if (created) {
-        try {
-            Output computed = uncachedValue(query, *this);
-            created->track(computed);
-        } catch (...) {
-            created->fail(Error(std::current_exception()));
-        }
+    if (!created) return Output(std::static_pointer_cast<AbstractFuture<V>>(std::move(shared)));
+    Output future = created->future();
+    try {
+        Output computed = uncachedValue(query, *this);
+        created->track(computed);
+    } catch (...) {
+        created->fail(Error(std::current_exception()));
     }
-    return std::move(*result);
+    return future;
 }
 
 }  // namespace mirels
