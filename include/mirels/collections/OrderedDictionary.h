@@ -151,6 +151,7 @@ class OrderedDictionary {
         auto [position, appended] = t.appendIfAbsent(key, hash, key, std::move(value));
         if (appended) return std::nullopt;
         // appendIfAbsent did not consume `value` when the key was present.
+        // NOLINTNEXTLINE(bugprone-use-after-move): see above
         return std::exchange(t.entries[position].second, std::move(value));
     }
 
