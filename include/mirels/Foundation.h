@@ -81,3 +81,6 @@
 #include "mirels/plist/PropertyListBuilder.h"
 #include "mirels/plist/PropertyListError.h"
 #include "mirels/plist/UUID.h"
+#include "mirels/version/BuildNumber.h"
+#include "mirels/version/UserDefault.h"
+#include "mirels/version/VersionNumber.h"
