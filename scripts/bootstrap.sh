@@ -7,8 +7,8 @@ packages=(
   # toolchain
   build-essential cmake ninja-build pkg-config git
   clang-16 libclang-rt-16-dev clang-format-16 clang-tidy-16
-  # test and benchmark frameworks
-  libgtest-dev libgmock-dev libbenchmark-dev
+  # test and benchmark frameworks (python3: the property-list test against its plistlib)
+  libgtest-dev libgmock-dev libbenchmark-dev python3
   # runtime dependencies of the library
   libplist-dev libsystemd-dev libpcre2-dev libsimdjson-dev
   # peers measured side by side in bench/

@@ -117,3 +117,6 @@
 #include "mirels/queries/Query.h"
 #include "mirels/queries/QueryManager.h"
 #include "mirels/queries/ValueCombiner.h"
+#include "mirels/version/BuildNumber.h"
+#include "mirels/version/UserDefault.h"
+#include "mirels/version/VersionNumber.h"

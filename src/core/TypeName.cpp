@@ -9,38 +9,53 @@
 namespace mirels {
 
 namespace {
+
 bool isIdentifierChar(char c) {
     return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_';
 }
+
+// Removes from the end of `out` the scope that a following "::" closes: an identifier with its
+// template arguments ("PromiseFuture<int>"), "(anonymous namespace)", or a function with its
+// parameters ("f(int)").
+void dropEnclosingScope(std::string& out) {
+    static constexpr std::string_view anonymous = "(anonymous namespace)";
+    if (std::string_view(out).ends_with(anonymous)) {
+        out.resize(out.size() - anonymous.size());
+        return;
+    }
+    // A bracketed tail: template arguments or function parameters, nested brackets included.
+    if (!out.empty() && (out.back() == '>' || out.back() == ')')) {
+        const char close = out.back();
+        const char open = close == '>' ? '<' : '(';
+        std::size_t depth = 0;
+        std::size_t i = out.size();
+        while (i > 0) {
+            --i;
+            if (out[i] == close) {
+                ++depth;
+            } else if (out[i] == open && --depth == 0) {
+                break;
+            }
+        }
+        out.resize(i);
+    }
+    while (!out.empty() && isIdentifierChar(out.back())) out.pop_back();
+}
+
 }  // namespace
 
 std::string stripNamespaces(std::string_view name) {
     std::string out;
     out.reserve(name.size());
-    std::size_t i = 0;
-    while (i < name.size()) {
-        // A qualifier is an identifier or "(anonymous namespace)" followed by "::".
-        std::size_t end = i;
-        if (name.substr(i).starts_with("(anonymous namespace)")) {
-            end = i + std::string_view("(anonymous namespace)").size();
-        } else {
-            while (end < name.size() && isIdentifierChar(name[end])) ++end;
-        }
-        if (end > i && name.substr(end).starts_with("::")) {
-            i = end + 2;
+    for (std::size_t i = 0; i < name.size(); ++i) {
+        if (name.substr(i).starts_with("::")) {
+            // Everything that encloses the name after "::" goes, with its own arguments; a
+            // leading "::" (the global scope) just disappears.
+            dropEnclosingScope(out);
+            ++i;
             continue;
         }
-        if (end > i) {
-            out.append(name.substr(i, end - i));
-            i = end;
-        } else {
-            if (name.substr(i).starts_with("::")) {  // a leading global qualifier
-                i += 2;
-                continue;
-            }
-            out.push_back(name[i]);
-            ++i;
-        }
+        out.push_back(name[i]);
     }
     return out;
 }

@@ -1,7 +1,9 @@
 #include "mirels/errors/HumanReadableConversion.h"
 
+#include <algorithm>
 #include <array>
 #include <utility>
+#include <vector>
 
 #include "mirels/core/FatalError.h"
 #include "mirels/core/TypeName.h"
@@ -66,13 +68,49 @@ const PlistDictionary& nestedDictionary(const PlistDictionary& dictionary, std::
     return *nested;
 }
 
+static_assert(maximumSerializedErrorDepth + 2 == maximumPropertyListDepth,
+              "a packed error inside a platform error's property list must fit the depth limit");
+
+[[noreturn]] void throwErrorsTooDeep() {
+    throw PropertyListSerializationError("errors nested deeper than " +
+                                         std::to_string(maximumSerializedErrorDepth) + " levels");
+}
+
+// The levels of `error`'s packed form, counted without recursion: one for a leaf, one more than
+// the deeper of its two parts for a wrapper. Counting stops once it passes `limit`.
+std::size_t packedLevels(const HumanReadableError& error, std::size_t limit) {
+    std::size_t deepest = 0;
+    std::vector<std::pair<const HumanReadableError*, std::size_t>> pending{{&error, 1}};
+    while (!pending.empty()) {
+        auto [next, level] = pending.back();
+        pending.pop_back();
+        deepest = std::max(deepest, level);
+        if (deepest > limit) break;
+        if (const auto* wrapper = dynamic_cast<const UnderlyingErrorWrapper*>(next)) {
+            pending.emplace_back(wrapper->main().get(), level + 1);
+            pending.emplace_back(wrapper->underlying().get(), level + 1);
+        }
+    }
+    return deepest;
+}
+
+// The packed form of `error`, whose depth has been checked: wrappers are packed here, leaves by
+// their own `plistRepresentation`.
+PlistDictionary pack(const HumanReadableError& error) {
+    const auto* wrapper = dynamic_cast<const UnderlyingErrorWrapper*>(&error);
+    if (wrapper == nullptr) return error.plistRepresentation().takeSerializableDictionary();
+    PlistDictionary dictionary;
+    dictionary.emplace("errorType", "wrapper");
+    // Each level moves its children's dictionaries in: packing is linear in the depth.
+    dictionary.emplace("main", pack(*wrapper->main()));
+    dictionary.emplace("underlying", pack(*wrapper->underlying()));
+    return dictionary;
+}
+
 // Decodes a packed error, reading the dictionaries in place: every level is visited once, so
 // the cost grows with the size of the payload, not with its depth squared.
 HumanReadableErrorRef decode(const PlistDictionary& dictionary, std::size_t depth) {
-    if (depth >= maximumPropertyListDepth) {
-        throw PropertyListSerializationError("errors nested deeper than " +
-                                             std::to_string(maximumPropertyListDepth) + " levels");
-    }
+    if (depth >= maximumSerializedErrorDepth) throwErrorsTooDeep();
     if (detail::unarchiveValue<ErrorType>(dictionary, "errorType") == ErrorType::wrapper) {
         HumanReadableErrorRef main = decode(nestedDictionary(dictionary, "main"), depth + 1);
         HumanReadableErrorRef underlying =
@@ -236,13 +274,10 @@ std::string UnderlyingErrorWrapper::fullDiagnosticsOutput() const {
 }
 
 PropertyList UnderlyingErrorWrapper::plistRepresentation() const {
-    PlistDictionary dictionary;
-    dictionary.emplace("errorType", "wrapper");
-    // Each level moves its children's dictionaries in: packing is linear in the depth.
-    dictionary.emplace("main", main_->plistRepresentation().takeSerializableDictionary());
-    dictionary.emplace("underlying",
-                       underlying_->plistRepresentation().takeSerializableDictionary());
-    return PropertyList(std::move(dictionary));
+    if (packedLevels(*this, maximumSerializedErrorDepth) > maximumSerializedErrorDepth) {
+        throwErrorsTooDeep();
+    }
+    return PropertyList(pack(*this));
 }
 
 // MARK: - HumanReadableSwiftError

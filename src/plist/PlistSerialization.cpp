@@ -1,6 +1,7 @@
 #include "mirels/plist/PlistSerialization.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -8,15 +9,19 @@
 #include <memory>
 #include <optional>
 
+#include "PlistFormats.h"
 #include "mirels/plist/LibplistBridge.h"
 
-// libplist 2.2 is the serialiser, with three of its traits handled here:
-// - it frees and converts trees recursively, and it parses binary containers recursively,
-//   copying an object once per reference; a deep or reference-sharing document could exhaust
-//   the stack or memory. Inputs are checked for depth and expansion before libplist sees them,
-//   and values are checked before they are handed to it.
+// The library writes both forms itself and reads binary property lists itself (PlistFormats),
+// so that it reads exactly what it writes: libplist 2.2 writes -0.0 as 0.0, writes years outside
+// 1000-9999 in a form other readers refuse, and cuts binary strings at a NUL. libplist reads XML
+// and backs the node API bridge (LibplistBridge), with these of its traits handled here:
+// - it frees and converts trees recursively; XML nesting is bounded before it parses, and binary
+//   input is checked for depth, cycles and reference sharing before the reader walks it.
+// - it reads an XML integer as an unsigned 64-bit value, so integers outside the signed range are
+//   refused before it parses rather than wrapped.
 // - its date accessors take whole 32-bit seconds and split fractions lossily, while a binary
-//   date object is the exact double; dates go through that binary form.
+//   date object is the exact double; bridged dates go through that binary form.
 // - it stores integers as unsigned 64-bit values; signed values travel as two's complement.
 
 namespace mirels {
@@ -391,6 +396,27 @@ void checkBinaryStructure(std::span<const std::uint8_t> bytes) {
     }
 }
 
+// libplist reads an XML integer as an unsigned 64-bit value, so one above the signed range would
+// read as a negative number; those are refused with their text.
+void checkXMLInteger(std::string_view content) {
+    auto isSpace = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
+    while (!content.empty() && isSpace(content.front())) content.remove_prefix(1);
+    while (!content.empty() && isSpace(content.back())) content.remove_suffix(1);
+    std::string_view digits = content;
+    if (!digits.empty() && (digits.front() == '-' || digits.front() == '+'))
+        digits.remove_prefix(1);
+    if (digits.empty() || digits.find_first_not_of("0123456789") != std::string_view::npos) {
+        return;  // not decimal: libplist's own reading decides
+    }
+    std::int64_t value = 0;
+    const char* first = content.front() == '+' ? digits.data() : content.data();
+    auto [next, error] = std::from_chars(first, content.data() + content.size(), value);
+    if (error != std::errc() || next != content.data() + content.size()) {
+        throw Error("the integer " + std::string(content) +
+                    " is outside the signed 64-bit range this library holds");
+    }
+}
+
 // XML property lists: libplist 2.2 frees a partly parsed document recursively when it meets an
 // error, so element nesting is bounded before parsing. The scan follows libplist's reading of
 // markup: comments end at "-->", CDATA at "]]>", processing instructions at "?>" outside
@@ -462,6 +488,8 @@ void checkXMLStructure(std::string_view text) {
                 }
                 open.pop_back();
             } else if (text[end - 1] != '/') {
+                if (name == "integer")
+                    checkXMLInteger(text.substr(end + 1, text.find('<', end) - end - 1));
                 open.push_back(name);
                 // The <plist> wrapper and a leaf element sit around the nested containers.
                 if (open.size() > maximumPropertyListDepth + 2) throwTooDeep();
@@ -469,6 +497,7 @@ void checkXMLStructure(std::string_view text) {
             i = end + 1;
         }
     }
+    if (!open.empty()) throw malformed("unclosed <" + std::string(open.back()) + ">");
 }
 
 // MARK: - Parsing
@@ -489,8 +518,7 @@ PlistValue parseBytes(std::span<const std::uint8_t> bytes) {
     LibplistTree tree;
     if (bytes.size() >= 6 && std::memcmp(chars, "bplist", 6) == 0) {
         checkBinaryStructure(bytes);
-        plist_from_bin(chars, static_cast<std::uint32_t>(bytes.size()), &tree.root);
-        if (tree.root == nullptr) throw Error("damaged binary property list");
+        return detail::readBinaryPropertyList(bytes);
     } else {
         std::string_view text(chars, bytes.size());
         if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);  // a UTF-8 byte-order mark
@@ -514,43 +542,20 @@ PlistValue fromLibplist(plist_t node) {
     return convertNode(node, 0);
 }
 
-namespace {
-
-std::string xmlOf(const LibplistNode& root) {
-    char* xml = nullptr;
-    std::uint32_t length = 0;
-    plist_to_xml(root.get(), &xml, &length);
-    std::unique_ptr<char, void (*)(char*)> owner(xml, plist_to_xml_free);
-    if (xml == nullptr) throw Error("could not write an XML property list");
-    return std::string(xml, length);
-}
-
-std::vector<std::uint8_t> binaryOf(const LibplistNode& root) {
-    char* binary = nullptr;
-    std::uint32_t length = 0;
-    plist_to_bin(root.get(), &binary, &length);
-    std::unique_ptr<char, void (*)(char*)> owner(binary, plist_to_bin_free);
-    if (binary == nullptr) throw Error("could not write a binary property list");
-    const auto* begin = reinterpret_cast<const std::uint8_t*>(binary);
-    return std::vector<std::uint8_t>(begin, begin + length);
-}
-
-}  // namespace
-
 std::string toXML(const PlistValue& value) {
-    return xmlOf(makeNode(value, 0));
+    return detail::writeXMLPropertyList(value, maximumPropertyListDepth);
 }
 
 std::vector<std::uint8_t> toBinary(const PlistValue& value) {
-    return binaryOf(makeNode(value, 0));
+    return detail::writeBinaryPropertyList(value, maximumPropertyListDepth);
 }
 
 std::string toXML(const PropertyList& list) {
-    return xmlOf(makeDictionaryNode(list.serializableDictionary(), 0));
+    return detail::writeXMLPropertyList(list.serializableDictionary(), maximumPropertyListDepth);
 }
 
 std::vector<std::uint8_t> toBinary(const PropertyList& list) {
-    return binaryOf(makeDictionaryNode(list.serializableDictionary(), 0));
+    return detail::writeBinaryPropertyList(list.serializableDictionary(), maximumPropertyListDepth);
 }
 
 PropertyList parsePropertyListDictionary(std::span<const std::uint8_t> bytes) {

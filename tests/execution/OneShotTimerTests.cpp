@@ -40,25 +40,30 @@ TEST(OneShotTimer, FiresOnceOnTheBackgroundQueueNotBeforeItsDelay) {
 }
 
 TEST(OneShotTimer, CancelBeforeFiringNeverFiresAndReleasesTheCallback) {
+    // Each timer is cancelled right after it is armed, with a deadline an hour away, so no load
+    // can make one fire first; arming the later ones while half the heap is cancelled makes the
+    // heap purge the cancelled entries.
     std::atomic<int> fired{0};
     auto captured = std::make_shared<int>(0);
     std::vector<OneShotTimer> timers;
-    for (int i = 0; i < 200; ++i) {  // enough to make the heap purge cancelled entries
-        timers.push_back(OneShotTimer::schedule(TimePeriod::from(milliseconds(30 + i % 7)),
-                                                TimePeriod::from(milliseconds(1)),
-                                                [&fired, captured] { fired.fetch_add(1); }));
+    for (int i = 0; i < 200; ++i) {
+        timers.push_back(OneShotTimer::schedule(
+            TimePeriod::from(std::chrono::hours(1) + milliseconds(i % 7)),
+            TimePeriod::from(milliseconds(1)), [&fired, captured] { fired.fetch_add(1); }));
+        EXPECT_TRUE(timers.back().cancel());
     }
     // A timer that still fires among the cancelled ones, through a copy of its handle.
     std::atomic<bool> survivorFired{false};
     OneShotTimer survivor = OneShotTimer::schedule(TimePeriod::from(milliseconds(35)), {},
                                                    [&] { survivorFired = true; });
-    for (const OneShotTimer& timer : timers) EXPECT_TRUE(timer.cancel());
     EXPECT_EQ(captured.use_count(), 1);  // every cancelled callback is gone already
     for (const OneShotTimer& timer : timers) {
+        EXPECT_FALSE(timer.cancel());
         EXPECT_FALSE(OneShotTimer(timer).cancel());
         EXPECT_EQ(timer.state(), OneShotTimer::State::cancelled);
     }
     ASSERT_TRUE(eventually([&] { return survivorFired.load(); }));
+    EXPECT_EQ(OneShotTimer(survivor).state(), OneShotTimer::State::fired);
     std::this_thread::sleep_for(milliseconds(20));
     EXPECT_EQ(fired.load(), 0);
 }

@@ -112,9 +112,14 @@ class ChunkStack {
     }
 
     /// The element at `position` (counted from the bottom): element `position % size` of chunk
-    /// `position / size`. A chunk size of zero stops the process.
+    /// `position / size`. A chunk size of zero stops the process, and so does a position that
+    /// is negative or not below the count ("Attempting to subscript into index N which is out of
+    /// bounds 0..<M."), in every build type.
     const Element& operator[](Index position) const {
         if (size_ == 0) detail::chunkStackZeroChunkSize();
+        const Index filled = endIndex();
+        if (static_cast<std::size_t>(position) >= static_cast<std::size_t>(filled)) [[unlikely]]
+            detail::fixedStackIndexOutOfBounds(position, filled);
         return chunks_[static_cast<std::size_t>(position / size_)][position % size_];
     }
 

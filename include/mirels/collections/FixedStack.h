@@ -115,10 +115,12 @@ class FixedStack {
         }
     }
 
-    /// The element at `position`; stops the process when `position` is not below the count.
+    /// The element at `position`; stops the process when `position` is negative or not below
+    /// the count.
     const Element& operator[](Index position) const {
         Index filled = count();
-        if (position >= filled) [[unlikely]]
+        // One unsigned comparison covers both ends: a negative position wraps to a huge one.
+        if (static_cast<size_type>(position) >= static_cast<size_type>(filled)) [[unlikely]]
             detail::fixedStackIndexOutOfBounds(position, filled);
         return data()[position];
     }

@@ -6,12 +6,15 @@
 
 namespace mirels {
 
-/// The demangled name of a type with every namespace qualifier removed, also inside template
-/// arguments: `mirels::TimeoutError` reads "TimeoutError", `std::vector<mirels::Ref<int>>` reads
-/// "vector<Ref<int>, allocator<Ref<int> > >".
+/// The innermost name of a type, from its demangled name: namespaces, enclosing classes (with
+/// their template arguments) and enclosing functions are removed, so `mirels::TimeoutError`
+/// reads "TimeoutError" and `mirels::PromiseFuture<int>::TransitionError` reads
+/// "TransitionError". The type's own template arguments stay, each spelled by the same rule as
+/// a type of its own: `std::vector<mirels::Ref<int>>` reads "vector<Ref<int>, allocator<Ref<int>
+/// > >" and `Box<Outer::Inner>` reads "Box<Inner>".
 std::string unqualifiedTypeName(const std::type_info& type);
 
-/// Removes the namespace qualifiers from an already demangled name.
+/// Applies that rule to an already demangled name.
 std::string stripNamespaces(std::string_view demangled);
 
 /// The unqualified name of `T`, computed once per type.

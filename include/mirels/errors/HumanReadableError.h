@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <exception>
 #include <optional>
 #include <string>
@@ -12,6 +13,14 @@
 #include "mirels/plist/PropertyList.h"
 
 namespace mirels {
+
+/// The deepest packed error (`plistRepresentation`): a leaf is one level and each wrapper of a
+/// main and an underlying error adds one. Packing, writing (XML or binary) and reading all accept
+/// exactly this many levels and refuse one more with a `PropertyListSerializationError` "errors
+/// nested deeper than 510 levels". It is the property-list depth limit (512) less the two levels
+/// of the platform error that carries a packed error across processes, so that whatever can be
+/// packed can also be written.
+inline constexpr std::size_t maximumSerializedErrorDepth = 510;
 
 /// An error that can be shown to a person: a short title, a longer explanation, free-form
 /// diagnostics, presentation flags, and a full multi-line diagnostic dump. Every error type of the
@@ -39,7 +48,8 @@ class HumanReadableError : public std::exception {
     /// Type name, ": " title, then info and diagnostics paragraphs (see `composeDiagnostics`).
     virtual std::string fullDiagnosticsOutput() const;
     /// The leaf form of the serialised error: "errorType" = "leaf", the texts that are present,
-    /// "options" as an integer when present, and "isNative".
+    /// "options" as an integer when present, and "isNative". Wrappers nest; past
+    /// `maximumSerializedErrorDepth` levels packing throws `PropertyListSerializationError`.
     virtual PropertyList plistRepresentation() const;
     /// True unless the error was rebuilt from a foreign error.
     virtual bool isNativeHumanReadable() const { return true; }
@@ -53,10 +63,10 @@ class HumanReadableError : public std::exception {
     /// The main error when this is an `UnderlyingErrorWrapper`, else this error itself.
     const HumanReadableError& unwrapped() const noexcept;
 
-    /// This error packed for another process: a platform error in the library's domain with code
-    /// -1 and exactly two user-info entries, the localized description (the effective title, or
-    /// "Unexpected mirel error") and "QKHumanReadableError" (`plistRepresentation`).
-    /// `humanReadable` rebuilds it in the receiving process.
+    /// This error packed for another process (throws like `plistRepresentation`): a platform error
+    /// in the library's domain with code -1 and exactly two user-info entries, the localized
+    /// description (the effective title, or "Unexpected mirel error") and "QKHumanReadableError"
+    /// (`plistRepresentation`). `humanReadable` rebuilds it in the receiving process.
     PlatformError serializableNSError() const;
 
     /// The description, computed on first use and kept.

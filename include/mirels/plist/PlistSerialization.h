@@ -26,11 +26,18 @@ inline constexpr std::size_t maximumPropertyListDepth = 512;
 
 /// The value as an XML property list (UTF-8).
 ///
-/// Integers are stored as 64-bit two's complement and read back the same way, so every
-/// `std::int64_t` round-trips. XML dates carry whole seconds; binary dates keep the exact value.
-/// Throws `PropertyListSerializationError` for a value that cannot be written: nesting deeper
-/// than `maximumPropertyListDepth`, a string or key containing a NUL character, a date that is
-/// not a finite number.
+/// What each form keeps: integers are signed 64-bit in both. Reals keep their exact value and
+/// the sign of zero in both (XML writes the shortest text that reads back the same). Binary keeps
+/// a date's exact double; XML keeps whole seconds (a fraction is dropped to the second at or
+/// before the date) and only the years 1 to 9999. Strings are UTF-8 text; binary also keeps NUL
+/// characters, XML cannot hold them (nor other control characters than tab, line feed and
+/// carriage return).
+///
+/// Throws `PropertyListSerializationError` for a value the form cannot hold, naming where it is
+/// ("a string at key path \"settings.names[1]\" is not valid UTF-8"): nesting deeper than
+/// `maximumPropertyListDepth`, a string or key that is not valid UTF-8, a NUL or other control
+/// character (XML), a key containing NUL (both forms), a date outside the years 1 to 9999 (XML)
+/// or not a finite number (binary). Whatever is written reads back equal.
 std::string toXML(const PlistValue& value);
 
 /// The value as a binary property list ("bplist00"); throws like `toXML`.
@@ -38,7 +45,10 @@ std::vector<std::uint8_t> toBinary(const PlistValue& value);
 
 /// Reads an XML or binary property list, whichever `bytes` holds. Any input is safe to pass:
 /// anything that is not a well-formed property list of at most `maximumPropertyListDepth`
-/// levels throws `PropertyListSerializationError`.
+/// levels throws `PropertyListSerializationError`, and so does a value this library cannot hold
+/// without loss: an integer outside the signed 64-bit range (binary lists may hold unsigned
+/// values up to 2^64-1; they are refused with their value, never wrapped), text that is not
+/// valid UTF-8 or UTF-16, a keyed-archive UID.
 PlistValue parsePropertyList(std::span<const std::uint8_t> bytes);
 PlistValue parsePropertyList(std::string_view text);
 
