@@ -35,7 +35,8 @@ TEST(FutureStateStress, RegistrationsRacingTheFinishRunOnceAndInOrder) {
                 for (int i = 0; i < perThread; ++i) {
                     future.observeSuccess([&, t, i](int value) {
                         EXPECT_EQ(value, 7);
-                        (std::this_thread::get_id() == finisherId.load() ? kept : late)[t].push_back(i);
+                        (std::this_thread::get_id() == finisherId.load() ? kept : late)[t]
+                            .push_back(i);
                         calls.fetch_add(1);
                     });
                 }

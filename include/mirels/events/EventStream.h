@@ -158,8 +158,8 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
     /// as long as it needs it, and the handler is released as soon as no table lists it.
     std::shared_ptr<CancellationToken> observe(Handler handler,
                                                Callsite callsite = Callsite::current()) {
-        auto box = std::make_shared<CancellationTokenWithPayload<Subscription>>(
-            callsite, storage_, std::move(handler));
+        auto box = std::make_shared<CancellationTokenWithPayload<Subscription>>(callsite, storage_,
+                                                                                std::move(handler));
         Subscription& subscription = box->payload;
         subscription.keepWhileListed = box;
         storage_->syncWrite(
