@@ -15,10 +15,9 @@ packages=(
   libabsl-dev libasio-dev libboost-thread1.81-dev libsigc++-3.0-dev libtsl-ordered-map-dev
   libboost1.81-dev  # Boost.Process v1 (headers), beside bench_process
   libcli11-dev libcxxopts-dev
-  librange-v3-dev
+  librange-v3-dev nlohmann-json3-dev rapidjson-dev
   # benchmark tools: instruction counts (callgrind) and system calls per operation
   valgrind strace
-  nlohmann-json3-dev rapidjson-dev
 )
 
 missing=()
