@@ -189,24 +189,14 @@ void CrashReport::describe(std::vector<StructuredDescriptionBuildAction>& action
 
 // --- the effective error ---
 
-namespace {
-
-template <CrashReportErrorType E>
-std::shared_ptr<const CrashReportError> attempt(const CrashReport& report) {
-    if (std::optional<E> error = E::fromCrashReport(report)) {
-        return std::make_shared<const E>(std::move(*error));
-    }
-    return nullptr;
-}
-
-}  // namespace
-
 std::shared_ptr<const CrashReportError> CrashReport::effectiveError() const {
     // The fixed order: the most specific explanations first.
-    if (auto error = attempt<MissingEnvironmentObjectError>(*this)) return error;
-    if (auto error = attempt<ConditionInFileError>(*this)) return error;
-    if (auto error = attempt<DyldLibraryLoadCrashError>(*this)) return error;
-    if (auto error = attempt<UncaughtExceptionError>(*this)) return error;
+    if (auto error = detail::attemptCrashReportError<MissingEnvironmentObjectError>(*this))
+        return error;
+    if (auto error = detail::attemptCrashReportError<ConditionInFileError>(*this)) return error;
+    if (auto error = detail::attemptCrashReportError<DyldLibraryLoadCrashError>(*this))
+        return error;
+    if (auto error = detail::attemptCrashReportError<UncaughtExceptionError>(*this)) return error;
     return std::make_shared<const CrashError>(*this);
 }
 

@@ -1,7 +1,5 @@
 #include "mirels/errors/ConditionInFileError.h"
 
-#include <charconv>
-
 namespace mirels {
 
 ConditionInFileError::ConditionInFileError(const CrashReport& crashReport, Kind kind,
@@ -39,15 +37,6 @@ std::optional<ConditionInFileError::Kind> kindFromText(std::string_view text) {
     return std::nullopt;
 }
 
-std::optional<std::int64_t> lineNumber(std::optional<std::string_view> digits) {
-    if (!digits) return std::nullopt;
-    std::int64_t value = 0;
-    const auto [end, error] =
-        std::from_chars(digits->data(), digits->data() + digits->size(), value);
-    if (error != std::errc() || end != digits->data() + digits->size()) return std::nullopt;
-    return value;
-}
-
 }  // namespace
 
 std::optional<ConditionInFileError> ConditionInFileError::fromCrashReport(
@@ -56,7 +45,7 @@ std::optional<ConditionInFileError> ConditionInFileError::fromCrashReport(
     auto make = [&](Kind kind, const RegexMatch& match) {
         result.emplace(crashReport, kind,
                        std::string(match.group("file").value_or(std::string_view())),
-                       lineNumber(match.group("line")));
+                       detail::crashTextLineNumber(match.group("line")));
     };
     if (const Regex* condition = conditionRegex()) {
         detail::forEachApplicationSpecificLine(crashReport, [&](const std::string& line) {

@@ -1,5 +1,7 @@
 #include "mirels/errors/CrashReportError.h"
 
+#include <charconv>
+
 #include "mirels/core/Assertions.h"
 #include "mirels/platform/Log.h"
 
@@ -14,6 +16,15 @@ std::optional<HumanReadableErrorOptions> CrashReportError::options() const {
 }
 
 namespace detail {
+
+std::optional<std::int64_t> crashTextLineNumber(std::optional<std::string_view> digits) {
+    if (!digits) return std::nullopt;
+    std::int64_t value = 0;
+    const auto [end, error] =
+        std::from_chars(digits->data(), digits->data() + digits->size(), value);
+    if (error != std::errc() || end != digits->data() + digits->size()) return std::nullopt;
+    return value;
+}
 
 std::unique_ptr<const Regex> compileCrashTextPattern(std::string_view pattern,
                                                      std::uint32_t options, Callsite reportAs) {

@@ -1,19 +1,8 @@
 #include "mirels/errors/LinuxCrashTextErrors.h"
 
-#include <charconv>
-
 namespace mirels {
 
 namespace {
-
-std::optional<std::int64_t> parseLine(std::optional<std::string_view> digits) {
-    if (!digits) return std::nullopt;
-    std::int64_t value = 0;
-    const auto [end, error] =
-        std::from_chars(digits->data(), digits->data() + digits->size(), value);
-    if (error != std::errc() || end != digits->data() + digits->size()) return std::nullopt;
-    return value;
-}
 
 std::string lastPathComponent(const std::string& path) {
     const std::size_t slash = path.rfind('/');
@@ -53,7 +42,7 @@ AssertionFailureError::AssertionFailureError(const CrashReport& crashReport,
     : SingleRegexCrashReportError(crashReport),
       processName_(crashReport.name()),
       file_(groupText(match, "file")),
-      line_(parseLine(match.group("line"))),
+      line_(detail::crashTextLineNumber(match.group("line"))),
       condition_(groupText(match, "condition")) {
     if (auto function = match.group("function")) function_ = std::string(*function);
 }
@@ -191,22 +180,13 @@ std::optional<std::string> HeapCorruptionError::additionalInfo() const {
 
 // --- the set ---
 
-namespace {
-template <CrashReportErrorType E>
-std::shared_ptr<const CrashReportError> attempt(const CrashReport& report) {
-    if (std::optional<E> error = E::fromCrashReport(report)) {
-        return std::make_shared<const E>(std::move(*error));
-    }
-    return nullptr;
-}
-}  // namespace
-
 std::shared_ptr<const CrashReportError> linuxCrashTextError(const CrashReport& report) {
-    if (auto error = attempt<SharedLibraryLoadError>(report)) return error;
-    if (auto error = attempt<AssertionFailureError>(report)) return error;
-    if (auto error = attempt<UncaughtCppExceptionError>(report)) return error;
-    if (auto error = attempt<StackSmashingError>(report)) return error;
-    if (auto error = attempt<HeapCorruptionError>(report)) return error;
+    if (auto error = detail::attemptCrashReportError<SharedLibraryLoadError>(report)) return error;
+    if (auto error = detail::attemptCrashReportError<AssertionFailureError>(report)) return error;
+    if (auto error = detail::attemptCrashReportError<UncaughtCppExceptionError>(report))
+        return error;
+    if (auto error = detail::attemptCrashReportError<StackSmashingError>(report)) return error;
+    if (auto error = detail::attemptCrashReportError<HeapCorruptionError>(report)) return error;
     return nullptr;
 }
 

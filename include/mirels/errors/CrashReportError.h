@@ -7,6 +7,7 @@
 // CrashReport&)`: the error when it recognises the report, nothing otherwise. It never throws.
 
 #include <concepts>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -74,6 +75,20 @@ bool forEachApplicationSpecificLine(const CrashReport& report, Visit&& visit) {
     }
     return false;
 }
+
+/// The error of type `E` made from `report`, shared, or null when `E` does not recognise it: one
+/// step of trying parsers in a fixed order.
+template <CrashReportErrorType E>
+std::shared_ptr<const CrashReportError> attemptCrashReportError(const CrashReport& report) {
+    if (std::optional<E> error = E::fromCrashReport(report)) {
+        return std::make_shared<const E>(std::move(*error));
+    }
+    return nullptr;
+}
+
+/// A line number captured as decimal digits, or nothing when the group is absent or does not
+/// convert (too long, or not all digits).
+std::optional<std::int64_t> crashTextLineNumber(std::optional<std::string_view> digits);
 
 }  // namespace detail
 
