@@ -136,10 +136,10 @@ TEST(CrashReportTests, EffectiveErrorTakesTheFirstParserInTheFixedOrder) {
     const std::string environment =
         "Fatal error: No ObservableObject of type Model found. A View.environmentObject(_:) for "
         "Model may be missing as an ancestor of this view.";
-    const std::string condition = "/Users/me/App/ContentView.swift:42: Fatal error";
+    const std::string condition = "/home/me/App/ContentView.swift:42: Fatal error";
     const std::string dyld = "Library not loaded: @rpath/Missing.framework/Missing";
     const std::string exception =
-        "*** Terminating app due to uncaught exception 'NSRangeException', reason: 'out of range'";
+        "*** Terminating app due to uncaught exception 'RangeException', reason: 'out of range'";
 
     auto typeOf = [](const CrashReport& report) {
         return report.effectiveError()->errorTypeDescription();

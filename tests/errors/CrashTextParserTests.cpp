@@ -24,7 +24,7 @@ using testing::reportWithLines;
 TEST(CrashTextParserTests, MissingEnvironmentObject) {
     const auto error = MissingEnvironmentObjectError::fromCrashReport(
         reportWithLines({"unrelated",
-                         "SwiftUI/EnvironmentObject.swift:90: Fatal error: No ObservableObject of "
+                         "ui/EnvironmentObject.swift:90: Fatal error: No ObservableObject of "
                          "type Settings found. A View.environmentObject(_:) for Settings may be "
                          "missing as an ancestor of this view."},
                         "Preview Agent"));
@@ -43,7 +43,7 @@ TEST(CrashTextParserTests, MissingEnvironmentObject) {
 TEST(CrashTextParserTests, ConditionForms) {
     // A bare "Fatal error" after the position: the condition form.
     auto fatal = ConditionInFileError::fromCrashReport(
-        reportWithLines({"/Users/me/Project/Sources/ContentView.swift:42: Fatal error"}));
+        reportWithLines({"/home/me/Project/Sources/ContentView.swift:42: Fatal error"}));
     ASSERT_TRUE(fatal);
     EXPECT_EQ(fatal->kind(), ConditionInFileError::Kind::fatalError);
     EXPECT_EQ(fatal->file(), "ContentView.swift");
