@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "execution/Waiting.h"
 #include "mirels/queries/Query.h"
 #include "mirels/queries/QueryManager.h"
 #include "mirels/queries/ValueCombiner.h"
-#include "execution/Waiting.h"
 #include "queries/QueryTestSupport.h"
 
 namespace mirels {
