@@ -1,16 +1,22 @@
-#include "mirels/plist/UUID.h"
+#include "mirels/core/UUID.h"
 
-#include <random>
+#include <sys/random.h>
+
+#include <cerrno>
+
+#include "mirels/core/FatalError.h"
 
 namespace mirels {
 
 UUID UUID::random() {
-    thread_local std::mt19937_64 generator(std::random_device{}());
+    // The kernel's generator: seeded from boot, never repeats across forks, no state of ours.
+    // getrandom never returns short for 16 bytes once the pool is ready; EINTR is retried.
     Bytes bytes;
-    for (std::size_t i = 0; i < bytes.size(); i += 8) {
-        std::uint64_t word = generator();
-        for (std::size_t j = 0; j < 8; ++j)
-            bytes[i + j] = static_cast<std::uint8_t>(word >> (8 * j));
+    for (;;) {
+        ssize_t got = ::getrandom(bytes.data(), bytes.size(), 0);
+        if (got == static_cast<ssize_t>(bytes.size())) break;
+        if (got < 0 && errno == EINTR) continue;
+        fatalError("getrandom failed to produce the bytes of a random UUID");
     }
     bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0F) | 0x40);  // version 4
     bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3F) | 0x80);  // the standard variant

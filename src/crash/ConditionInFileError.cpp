@@ -1,4 +1,4 @@
-#include "mirels/errors/ConditionInFileError.h"
+#include "mirels/crash/ConditionInFileError.h"
 
 namespace mirels {
 

@@ -1,4 +1,4 @@
-#include "mirels/errors/CrashReportError.h"
+#include "mirels/crash/CrashReportError.h"
 
 #include <charconv>
 

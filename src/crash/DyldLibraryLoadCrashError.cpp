@@ -1,4 +1,4 @@
-#include "mirels/errors/DyldLibraryLoadCrashError.h"
+#include "mirels/crash/DyldLibraryLoadCrashError.h"
 
 namespace mirels {
 

@@ -1,6 +1,6 @@
-#include "mirels/errors/ErrorParsingUtilities.h"
+#include "mirels/crash/ErrorParsingUtilities.h"
 
-#include "mirels/errors/CrashReportError.h"
+#include "mirels/crash/CrashReportError.h"
 
 namespace mirels {
 

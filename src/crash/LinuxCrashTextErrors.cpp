@@ -1,4 +1,4 @@
-#include "mirels/errors/LinuxCrashTextErrors.h"
+#include "mirels/crash/LinuxCrashTextErrors.h"
 
 namespace mirels {
 

@@ -1,4 +1,4 @@
-#include "mirels/errors/MissingEnvironmentObjectError.h"
+#include "mirels/crash/MissingEnvironmentObjectError.h"
 
 namespace mirels {
 

@@ -1,4 +1,4 @@
-#include "mirels/errors/UncaughtExceptionError.h"
+#include "mirels/crash/UncaughtExceptionError.h"
 
 namespace mirels {
 

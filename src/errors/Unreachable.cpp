@@ -1,4 +1,4 @@
-#include "mirels/core/Unreachable.h"
+#include "mirels/errors/Unreachable.h"
 
 #include "mirels/core/Assertions.h"
 

@@ -1,4 +1,4 @@
-#include "mirels/plist/Line.h"
+#include "mirels/geometry/Line.h"
 
 #include <algorithm>
 #include <cmath>

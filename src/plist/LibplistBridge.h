@@ -1,13 +1,15 @@
 #pragma once
 
-// Conversions between `PlistValue` and libplist's nodes, for code that talks to libplist
-// directly. Needs libplist's headers (pkg-config libplist-2.0).
+// Conversions between `PlistValue` and libplist's nodes, inside the library. Not installed: no
+// public header needs libplist. The two conversions are exported only so that the library's own
+// tests can check the bridge directly.
 
 #include <plist/plist.h>
 
 #include <memory>
 #include <type_traits>
 
+#include "mirels/Export.h"
 #include "mirels/plist/PlistValue.h"
 
 namespace mirels {
@@ -22,11 +24,11 @@ using LibplistNode = std::unique_ptr<std::remove_pointer_t<plist_t>, LibplistNod
 
 /// A new libplist tree holding `value`. Integers become libplist's unsigned integers holding
 /// the two's complement. Throws `PropertyListSerializationError` like `toXML`.
-LibplistNode toLibplist(const PlistValue& value);
+MIRELS_EXPORT LibplistNode toLibplist(const PlistValue& value);
 
 /// The value of a libplist tree. Unsigned integers are read back as two's complement. Throws
 /// `PropertyListSerializationError` for a null node, a kind with no `PlistValue` counterpart
 /// (UIDs of keyed archives) or nesting deeper than `maximumPropertyListDepth`.
-PlistValue fromLibplist(plist_t node);
+MIRELS_EXPORT PlistValue fromLibplist(plist_t node);
 
 }  // namespace mirels

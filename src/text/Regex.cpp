@@ -1,4 +1,4 @@
-#include "mirels/errors/Regex.h"
+#include "mirels/text/Regex.h"
 
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>

@@ -1,4 +1,4 @@
-#include "mirels/platform/HostBundle.h"
+#include "mirels/version/HostBundle.h"
 
 #include <fstream>
 #include <iterator>

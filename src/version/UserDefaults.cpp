@@ -1,4 +1,4 @@
-#include "mirels/platform/UserDefaults.h"
+#include "mirels/version/UserDefaults.h"
 
 #include <errno.h>
 #include <fcntl.h>

@@ -5,13 +5,13 @@
 #include <string>
 
 #include "crash/CrashReportSamples.h"
+#include "mirels/crash/ConditionInFileError.h"
 #include "mirels/crash/CrashError.h"
-#include "mirels/errors/ConditionInFileError.h"
-#include "mirels/errors/DyldLibraryLoadCrashError.h"
-#include "mirels/errors/ErrorParsingUtilities.h"
-#include "mirels/errors/LinuxCrashTextErrors.h"
-#include "mirels/errors/MissingEnvironmentObjectError.h"
-#include "mirels/errors/UncaughtExceptionError.h"
+#include "mirels/crash/DyldLibraryLoadCrashError.h"
+#include "mirels/crash/ErrorParsingUtilities.h"
+#include "mirels/crash/LinuxCrashTextErrors.h"
+#include "mirels/crash/MissingEnvironmentObjectError.h"
+#include "mirels/crash/UncaughtExceptionError.h"
 #include "mirels/platform/Log.h"
 #include "support/SoftAssertions.h"
 

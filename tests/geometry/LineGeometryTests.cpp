@@ -4,8 +4,9 @@
 #include <string>
 #include <variant>
 
-#include "mirels/plist/Axis.h"
-#include "mirels/plist/Line.h"
+#include "mirels/geometry/Axis.h"
+#include "mirels/geometry/Line.h"
+#include "mirels/plist/GeometryPropertyList.h"
 #include "mirels/plist/PropertyListError.h"
 
 namespace mirels {

@@ -5,9 +5,9 @@
 #include <fstream>
 #include <string>
 
-#include "mirels/platform/HostBundle.h"
 #include "mirels/platform/ProcessInfo.h"
 #include "mirels/plist/PlistSerialization.h"
+#include "mirels/version/HostBundle.h"
 #include "platform/ChildProcess.h"
 #include "support/TemporaryDirectory.h"
 

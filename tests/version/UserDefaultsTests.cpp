@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "mirels/platform/Log.h"
-#include "mirels/platform/UserDefaults.h"
 #include "mirels/plist/PlistSerialization.h"
+#include "mirels/version/UserDefaults.h"
 #include "support/TemporaryDirectory.h"
 
 namespace mirels {

@@ -19,6 +19,15 @@
 
 namespace mirels {
 
+/// Receives every failed soft assertion. Called on the failing thread; must not throw.
+using SoftAssertionReporter = void (*)(const Callsite& callsite) noexcept;
+
+/// Installs `reporter` process-wide and returns the one it replaces. The analytics layer installs
+/// the reporter that logs the "softAssert" event while the library loads, before `main`; with no
+/// reporter (null), a failure is written to standard error as
+/// "soft assertion failed at <file-name:line:column>". Tests may install their own.
+SoftAssertionReporter setSoftAssertionReporter(SoftAssertionReporter reporter) noexcept;
+
 namespace detail {
 
 /// The one reporting step every failed soft assertion shares.

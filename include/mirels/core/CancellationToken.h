@@ -12,8 +12,6 @@
 namespace mirels {
 
 class CancellationToken;
-class InvalidationHandle;
-class Invalidatable;
 
 /// A set of tokens kept by identity.
 using CancellationTokenSet = std::unordered_set<Ref<CancellationToken>>;
@@ -83,13 +81,5 @@ class CancellationTokenWithPayload {
 /// a member so that tokens need no back-pointer to their own owner: that saves every token four
 /// atomic operations over its life.
 void store(std::shared_ptr<CancellationToken> token, CancellationTokenSet& tokens);
-
-/// Hands `token` to `handle` (from `mirels/events/Invalidatable.h`): the handle cancels it when
-/// it is invalidated, or at once when it has been already. The token must then not be cancelled
-/// elsewhere (a second cancel is reported as always).
-void manage(std::shared_ptr<CancellationToken> token, InvalidationHandle& handle);
-
-/// Cancels `token` when `object` is invalidated: `manage` with the object's handle.
-void trackInvalidation(std::shared_ptr<CancellationToken> token, const Invalidatable& object);
 
 }  // namespace mirels

@@ -9,9 +9,6 @@
 #include <string>
 #include <string_view>
 
-#include "mirels/plist/PropertyList.h"
-#include "mirels/plist/PropertyListError.h"
-
 namespace mirels {
 
 /// A 128-bit universally unique identifier. A regular value: copyable, ordered, hashable.
@@ -40,17 +37,6 @@ class UUID {
 
   private:
     Bytes bytes_{};
-};
-
-/// A UUID is stored as its canonical text; a text that is no UUID fails with `InvalidUUID`.
-template <>
-struct PropertyListTraits<UUID> {
-    using PropertyListType = std::string;
-    static std::string propertyListValue(const UUID& value) { return value.uuidString(); }
-    static UUID fromPropertyListValue(const std::string& text) {
-        if (std::optional<UUID> uuid = UUID::fromString(text)) return *uuid;
-        throw InvalidUUID(text);
-    }
 };
 
 }  // namespace mirels

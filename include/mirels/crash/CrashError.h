@@ -1,6 +1,6 @@
 #pragma once
 
-#include "mirels/errors/CrashReportError.h"
+#include "mirels/crash/CrashReportError.h"
 
 namespace mirels {
 

@@ -16,7 +16,7 @@
 #include "mirels/core/Callsite.h"
 #include "mirels/crash/CrashReport.h"
 #include "mirels/errors/HumanReadableError.h"
-#include "mirels/errors/Regex.h"
+#include "mirels/text/Regex.h"
 
 namespace mirels {
 

@@ -18,7 +18,7 @@
 #include <optional>
 #include <string>
 
-#include "mirels/errors/CrashReportError.h"
+#include "mirels/crash/CrashReportError.h"
 
 namespace mirels {
 

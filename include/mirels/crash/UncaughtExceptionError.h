@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "mirels/errors/CrashReportError.h"
+#include "mirels/crash/CrashReportError.h"
 
 namespace mirels {
 

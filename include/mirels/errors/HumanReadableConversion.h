@@ -11,7 +11,7 @@
 #include <typeinfo>
 
 #include "mirels/core/Callsite.h"
-#include "mirels/core/CallsiteError.h"
+#include "mirels/errors/CallsiteError.h"
 #include "mirels/errors/Error.h"
 #include "mirels/errors/HumanReadableError.h"
 #include "mirels/errors/PlatformError.h"

@@ -9,10 +9,11 @@
 
 #include "mirels/errors/DiagnosticsCollector.h"
 #include "mirels/errors/HumanReadableErrorOptions.h"
-#include "mirels/errors/PlatformError.h"
-#include "mirels/plist/PropertyList.h"
 
 namespace mirels {
+
+class PlatformError;
+class PropertyList;
 
 /// The deepest packed error (`plistRepresentation`): a leaf is one level and each wrapper of a
 /// main and an underlying error adds one. Packing, writing (XML or binary) and reading all accept

@@ -2,8 +2,6 @@
 
 #include <cstdint>
 
-#include "mirels/plist/PropertyList.h"
-
 namespace mirels {
 
 /// Presentation flags of a human-readable error. The bit values cross process boundaries as
@@ -37,17 +35,5 @@ struct HumanReadableErrorOptions {
 inline constexpr HumanReadableErrorOptions HumanReadableErrorOptions::showCrashLogsButton{2};
 inline constexpr HumanReadableErrorOptions HumanReadableErrorOptions::showTitleOnly{4};
 inline constexpr HumanReadableErrorOptions HumanReadableErrorOptions::generatesLiveIssues{8};
-
-/// Options are stored as their raw bits; every integer is a valid option set.
-template <>
-struct PropertyListTraits<HumanReadableErrorOptions> {
-    using PropertyListType = std::intptr_t;
-    static std::intptr_t propertyListValue(HumanReadableErrorOptions options) noexcept {
-        return options.rawValue;
-    }
-    static HumanReadableErrorOptions fromPropertyListValue(std::intptr_t rawValue) noexcept {
-        return HumanReadableErrorOptions{rawValue};
-    }
-};
 
 }  // namespace mirels

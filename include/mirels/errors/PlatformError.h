@@ -10,7 +10,7 @@
 #include <variant>
 
 #include "mirels/errors/Error.h"
-#include "mirels/platform/Log.h"
+#include "mirels/platform/Format.h"
 #include "mirels/plist/PlistValue.h"
 #include "mirels/plist/PropertyList.h"
 

@@ -192,4 +192,12 @@ void bindInvalidation(const Invalidatable& object, const Others&... others) {
     bindInvalidation(object, std::span<const Invalidatable* const>(list, sizeof...(Others)));
 }
 
+/// Hands `token` to `handle`: the handle cancels it when it is invalidated, or at once when it
+/// has been already. The token must then not be cancelled elsewhere (a second cancel is reported
+/// as always).
+void manage(std::shared_ptr<CancellationToken> token, InvalidationHandle& handle);
+
+/// Cancels `token` when `object` is invalidated: `manage` with the object's handle.
+void trackInvalidation(std::shared_ptr<CancellationToken> token, const Invalidatable& object);
+
 }  // namespace mirels

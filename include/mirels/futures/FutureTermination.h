@@ -7,10 +7,10 @@
 #include <variant>
 
 #include "mirels/core/Callsite.h"
-#include "mirels/core/Result.h"
 #include "mirels/core/TypeName.h"
 #include "mirels/errors/Error.h"
 #include "mirels/errors/HumanReadableError.h"
+#include "mirels/errors/Result.h"
 
 namespace mirels {
 

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "mirels/core/Result.h"
+#include "mirels/errors/Result.h"
 #include "mirels/futures/AccumulatedError.h"
 #include "mirels/futures/FutureTermination.h"
 

@@ -3,7 +3,7 @@
 #include <array>
 #include <utility>
 
-#include "mirels/plist/Geometry.h"
+#include "mirels/geometry/Geometry.h"
 
 namespace mirels {
 

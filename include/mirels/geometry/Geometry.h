@@ -3,7 +3,7 @@
 #include <array>
 #include <utility>
 
-#include "mirels/plist/PropertyList.h"
+#include "mirels/core/RawValueCases.h"
 
 namespace mirels {
 
@@ -56,55 +56,6 @@ template <>
 struct RawValueCases<Rect::Key> {
     static constexpr std::array cases = {std::pair{Rect::Key::origin, "origin"},
                                          std::pair{Rect::Key::size, "size"}};
-};
-
-/// A point is stored as a list with the keys "x" and "y"; both are required.
-template <>
-struct PropertyListTraits<Point> {
-    using PropertyListType = PropertyList;
-    static PropertyList propertyListValue(const Point& point) {
-        PropertyList list;
-        list.archiveValue(point.x, Point::Key::x);
-        list.archiveValue(point.y, Point::Key::y);
-        return list;
-    }
-    static Point fromPropertyListValue(const PropertyList& list) {
-        return Point{list.unarchiveValue<double>(Point::Key::x),
-                     list.unarchiveValue<double>(Point::Key::y)};
-    }
-};
-
-/// A size is stored as a list with the keys "width" and "height"; both are required.
-template <>
-struct PropertyListTraits<Size> {
-    using PropertyListType = PropertyList;
-    static PropertyList propertyListValue(const Size& size) {
-        PropertyList list;
-        list.archiveValue(size.width, Size::Key::width);
-        list.archiveValue(size.height, Size::Key::height);
-        return list;
-    }
-    static Size fromPropertyListValue(const PropertyList& list) {
-        return Size{list.unarchiveValue<double>(Size::Key::width),
-                    list.unarchiveValue<double>(Size::Key::height)};
-    }
-};
-
-/// A rectangle is stored as a list with "origin" (a point list) and "size" (a size list); both
-/// are required.
-template <>
-struct PropertyListTraits<Rect> {
-    using PropertyListType = PropertyList;
-    static PropertyList propertyListValue(const Rect& rect) {
-        PropertyList list;
-        list.archiveValue(rect.origin, Rect::Key::origin);
-        list.archiveValue(rect.size, Rect::Key::size);
-        return list;
-    }
-    static Rect fromPropertyListValue(const PropertyList& list) {
-        return Rect{list.unarchiveValue<Point>(Rect::Key::origin),
-                    list.unarchiveValue<Size>(Rect::Key::size)};
-    }
 };
 
 }  // namespace mirels

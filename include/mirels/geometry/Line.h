@@ -4,7 +4,7 @@
 #include <utility>
 #include <variant>
 
-#include "mirels/plist/Geometry.h"
+#include "mirels/geometry/Geometry.h"
 
 namespace mirels {
 
@@ -104,38 +104,6 @@ template <>
 struct RawValueCases<Segment::Key> {
     static constexpr std::array cases = {std::pair{Segment::Key::start, "start"},
                                          std::pair{Segment::Key::end, "end"}};
-};
-
-/// A line is stored as a list with "origin" and "direction" (point lists); both are required.
-template <>
-struct PropertyListTraits<Line> {
-    using PropertyListType = PropertyList;
-    static PropertyList propertyListValue(const Line& line) {
-        PropertyList list;
-        list.archiveValue(line.origin, Line::Key::origin);
-        list.archiveValue(line.direction, Line::Key::direction);
-        return list;
-    }
-    static Line fromPropertyListValue(const PropertyList& list) {
-        return Line{list.unarchiveValue<Point>(Line::Key::origin),
-                    list.unarchiveValue<Point>(Line::Key::direction)};
-    }
-};
-
-/// A segment is stored as a list with "start" and "end" (point lists); both are required.
-template <>
-struct PropertyListTraits<Segment> {
-    using PropertyListType = PropertyList;
-    static PropertyList propertyListValue(const Segment& segment) {
-        PropertyList list;
-        list.archiveValue(segment.start, Segment::Key::start);
-        list.archiveValue(segment.end, Segment::Key::end);
-        return list;
-    }
-    static Segment fromPropertyListValue(const PropertyList& list) {
-        return Segment{list.unarchiveValue<Point>(Segment::Key::start),
-                       list.unarchiveValue<Point>(Segment::Key::end)};
-    }
 };
 
 }  // namespace mirels

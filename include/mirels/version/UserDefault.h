@@ -8,8 +8,8 @@
 #include <utility>
 
 #include "mirels/core/ThreadSafe.h"
-#include "mirels/platform/UserDefaults.h"
 #include "mirels/plist/PropertyList.h"
+#include "mirels/version/UserDefaults.h"
 
 namespace mirels {
 
