@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/cli/CommandLineOptions.h"
 #include "mirels/cli/CommandLinePrinter.h"
 
@@ -140,7 +141,7 @@ inline constexpr CommandLineCommandType commandType = CommandLineCommandType::of
 /// Synopsis lines are the process name and each usage example, aligned under the first. With no
 /// usage examples, there is one synopsis line per command: its name and its `shortUsage`. Command
 /// blocks are separated by two blank lines, and the page ends with a blank line.
-class CommandLineTool {
+class MIRELS_EXPORT CommandLineTool {
   public:
     CommandLineTool(
         std::string description, std::vector<CommandLineCommandType> commands,

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/core/TimePeriod.h"
 #include "mirels/errors/Error.h"
 #include "mirels/errors/HumanReadableError.h"
@@ -39,7 +40,7 @@ namespace mirels {
 ///
 /// The future's observers on the `any` lane run on the library's process I/O thread: they must
 /// not block there (hop to a lane of your own for long work).
-struct CommandLineToolInvocation {
+struct MIRELS_EXPORT CommandLineToolInvocation {
     /// What becomes of the child's standard error.
     enum class StandardError : std::uint8_t {
         /// This process's own standard error (the default).
@@ -105,7 +106,7 @@ struct CommandLineToolInvocation {
 /// A ready-made error for the two handlers of an invocation, for callers without errors of their
 /// own: "<toolName> failed." with the captured output as its information, or "<toolName> could
 /// not be launched." with the launch error's text.
-class CommandLineToolInvocationError final : public HumanReadableError {
+class MIRELS_EXPORT CommandLineToolInvocationError final : public HumanReadableError {
   public:
     enum class Kind : std::uint8_t { failedWhenRunning, failedToLaunch };
 

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/collections/detail/CopyOnWrite.h"
 #include "mirels/collections/detail/OrderedTable.h"
 #include "mirels/core/FatalError.h"
@@ -20,7 +21,8 @@
 namespace mirels {
 
 namespace detail {
-[[noreturn]] void orderedCollectionPositionOutOfRange(std::size_t position, std::size_t count);
+[[noreturn]] MIRELS_EXPORT void orderedCollectionPositionOutOfRange(std::size_t position,
+                                                                    std::size_t count);
 }  // namespace detail
 
 /// A hash map that remembers the order in which its keys were first inserted.

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "mirels/Export.h"
 #include "mirels/core/CancellationToken.h"
 
 namespace mirels {
@@ -12,7 +13,7 @@ namespace mirels {
 /// Used like a property wrapper: `wrappedValue()` is the set that `store(token, ...)`
 /// adds to, and `projectedValue()` hands out a token that cancels everything held so far.
 /// Owned and used by one thread at a time, like the set it exposes.
-class AutoCancelling {
+class MIRELS_EXPORT AutoCancelling {
   public:
     AutoCancelling();
     ~AutoCancelling();

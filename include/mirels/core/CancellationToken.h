@@ -5,6 +5,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "mirels/Export.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/Ref.h"
 #include "mirels/core/UniqueFunction.h"
@@ -22,7 +23,7 @@ using CancellationTokenSet = std::unordered_set<Ref<CancellationToken>>;
 /// failure (and runs the cancel action again, which the library's actions tolerate); a token
 /// destroyed without having been cancelled is reported too, and its action is released without
 /// running, so the registration stays. Made with `create`, shared by `std::shared_ptr`.
-class CancellationToken final {
+class MIRELS_EXPORT CancellationToken final {
     struct Key {
         explicit Key() = default;
     };
@@ -80,6 +81,6 @@ class CancellationTokenWithPayload {
 /// Keeps `token` in `tokens` (for example an `AutoCancelling`'s set). A free function rather than
 /// a member so that tokens need no back-pointer to their own owner: that saves every token four
 /// atomic operations over its life.
-void store(std::shared_ptr<CancellationToken> token, CancellationTokenSet& tokens);
+MIRELS_EXPORT void store(std::shared_ptr<CancellationToken> token, CancellationTokenSet& tokens);
 
 }  // namespace mirels

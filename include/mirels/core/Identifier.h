@@ -3,13 +3,15 @@
 #include <cstdint>
 #include <functional>
 
+#include "mirels/Export.h"
+
 namespace mirels {
 
 /// Takes the next value of the process-wide identifier counter: one signed 64-bit counter that
 /// starts at a random value from 0 to 9,999 and advances by one per use, under its own lock. It
 /// numbers queue lanes, serial-queue operations and subscribers, so these never collide within a
 /// process.
-std::int64_t nextProcessIdentifier();
+MIRELS_EXPORT std::int64_t nextProcessIdentifier();
 
 /// A process-unique identifier. Made with no arguments it takes the next value of the
 /// process-wide counter; made from a number it is that number.

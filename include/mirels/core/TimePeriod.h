@@ -4,6 +4,8 @@
 #include <compare>
 #include <cstdint>
 
+#include "mirels/Export.h"
+
 namespace mirels {
 
 /// A duration in whole nanoseconds, with floating views for display and arithmetic.
@@ -28,7 +30,7 @@ struct TimePeriod {
 };
 
 /// A reading of the monotonic clock (CLOCK_MONOTONIC) in unsigned 64-bit nanosecond ticks.
-struct MonotonicTimestamp {
+struct MIRELS_EXPORT MonotonicTimestamp {
     std::uint64_t ticks = 0;
 
     static MonotonicTimestamp now() noexcept;

@@ -9,10 +9,12 @@
 #include <string>
 #include <string_view>
 
+#include "mirels/Export.h"
+
 namespace mirels {
 
 /// A 128-bit universally unique identifier. A regular value: copyable, ordered, hashable.
-class UUID {
+class MIRELS_EXPORT UUID {
   public:
     using Bytes = std::array<std::uint8_t, 16>;
 

@@ -3,6 +3,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "mirels/Export.h"
+
 namespace mirels {
 
 /// A non-recursive, unfair mutual-exclusion lock over one 4-byte futex word.
@@ -18,7 +20,7 @@ namespace mirels {
 ///
 /// Taking the lock again on the thread that holds it deadlocks. Satisfies the standard Lockable
 /// requirements, so it works with `std::lock_guard` and `std::unique_lock`.
-class UnfairLock {
+class MIRELS_EXPORT UnfairLock {
   public:
     UnfairLock();
     ~UnfairLock();

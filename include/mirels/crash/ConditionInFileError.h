@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "mirels/Export.h"
 #include "mirels/crash/CrashReportError.h"
 
 namespace mirels {
@@ -15,7 +16,7 @@ namespace mirels {
 /// "^.*/<file>.swift:<line>: <kind>", counted only when the kind text, lower-cased, is exactly
 /// "assertion failed", "precondition failed" or "fatal error"; only when no line gives one, the
 /// unwrap form ".*/<file>.swift:<line>: .* nil while unwrapping".
-class ConditionInFileError final : public CrashReportError {
+class MIRELS_EXPORT ConditionInFileError final : public CrashReportError {
   public:
     enum class Kind : std::uint8_t {
         assert,

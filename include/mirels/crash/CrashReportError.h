@@ -1,5 +1,7 @@
 #pragma once
 
+#include "mirels/Export.h"
+
 // The interfaces of errors made from crash reports, and the lazily compiled patterns of the
 // crash-text parsers.
 //
@@ -24,7 +26,7 @@ namespace mirels {
 /// report's structured description as `additionalDiagnostics`; `showCrashLogsButton` as
 /// options; it can be tried again; it is not a potential crash (the crash has been diagnosed
 /// already); it is native.
-class CrashReportError : public HumanReadableError {
+class MIRELS_EXPORT CrashReportError : public HumanReadableError {
   public:
     /// The report the error was made from.
     const CrashReport& crashReport() const noexcept { return crashReport_; }
@@ -59,8 +61,9 @@ namespace detail {
 /// Compiles a parser's pattern. A pattern that fails to compile reports one soft assertion at
 /// `reportAs` (the parser's source file and type name) and gives null, so that the parser never
 /// matches. Called once per pattern, from a function-local static.
-std::unique_ptr<const Regex> compileCrashTextPattern(std::string_view pattern,
-                                                     std::uint32_t options, Callsite reportAs);
+MIRELS_EXPORT std::unique_ptr<const Regex> compileCrashTextPattern(std::string_view pattern,
+                                                                   std::uint32_t options,
+                                                                   Callsite reportAs);
 
 /// Calls `visit(line)` for each line of the report's application-specific information, in the
 /// map's order and each entry's line order, until it returns true. False when there is no map or
@@ -88,7 +91,8 @@ std::shared_ptr<const CrashReportError> attemptCrashReportError(const CrashRepor
 
 /// A line number captured as decimal digits, or nothing when the group is absent or does not
 /// convert (too long, or not all digits).
-std::optional<std::int64_t> crashTextLineNumber(std::optional<std::string_view> digits);
+MIRELS_EXPORT std::optional<std::int64_t> crashTextLineNumber(
+    std::optional<std::string_view> digits);
 
 }  // namespace detail
 

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "mirels/Export.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/crash/CrashReport.h"
@@ -36,7 +37,7 @@ namespace mirels {
 ///
 /// The default folder is `$XDG_STATE_HOME/mirels/crash-reports` (`$XDG_STATE_HOME` defaults to
 /// `$HOME/.local/state`); it is created (mode 0700) when missing.
-class CrashReportListener {
+class MIRELS_EXPORT CrashReportListener {
   public:
     /// The largest report file that is read (4 MiB); larger files are skipped and logged.
     static constexpr std::size_t maximumReportSize = std::size_t{4} << 20;
@@ -79,7 +80,7 @@ class CrashReportListener {
 };
 
 /// The crash-report folder could not be watched.
-class CrashReportListenerError final : public HumanReadableError {
+class MIRELS_EXPORT CrashReportListenerError final : public HumanReadableError {
   public:
     CrashReportListenerError(std::string folder, std::string reason)
         : folder_(std::move(folder)), reason_(std::move(reason)) {}

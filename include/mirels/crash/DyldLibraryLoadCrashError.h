@@ -2,13 +2,14 @@
 
 #include <string>
 
+#include "mirels/Export.h"
 #include "mirels/crash/CrashReportError.h"
 
 namespace mirels {
 
 /// A process could not start because the dynamic loader did not find a library it links. The
 /// library's name is what follows "Library not loaded: @rpath/", up to the next "/".
-class DyldLibraryLoadCrashError final
+class MIRELS_EXPORT DyldLibraryLoadCrashError final
     : public SingleRegexCrashReportError<DyldLibraryLoadCrashError> {
   public:
     DyldLibraryLoadCrashError(const CrashReport& crashReport, std::string_view line,

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "mirels/Export.h"
+
 // Crash-text parsers for the texts that Linux programs leave behind when they die: the C
 // library's assertion and heap-check messages, the C++ runtime's terminate message, the dynamic
 // loader's missing-library message and the stack protector's message.
@@ -24,7 +26,8 @@ namespace mirels {
 
 /// "prog: error while loading shared libraries: libfoo.so.1: cannot open shared object file: No
 /// such file or directory": the dynamic loader refused to start the program.
-class SharedLibraryLoadError final : public SingleRegexCrashReportError<SharedLibraryLoadError> {
+class MIRELS_EXPORT SharedLibraryLoadError final
+    : public SingleRegexCrashReportError<SharedLibraryLoadError> {
   public:
     SharedLibraryLoadError(const CrashReport& crashReport, std::string_view line,
                            const RegexMatch& match);
@@ -45,7 +48,8 @@ class SharedLibraryLoadError final : public SingleRegexCrashReportError<SharedLi
 };
 
 /// "prog: file.c:42: main: Assertion `x == 1' failed.": a failed `assert` of the C library.
-class AssertionFailureError final : public SingleRegexCrashReportError<AssertionFailureError> {
+class MIRELS_EXPORT AssertionFailureError final
+    : public SingleRegexCrashReportError<AssertionFailureError> {
   public:
     AssertionFailureError(const CrashReport& crashReport, std::string_view line,
                           const RegexMatch& match);
@@ -76,7 +80,7 @@ class AssertionFailureError final : public SingleRegexCrashReportError<Assertion
 
 /// "terminate called after throwing an instance of 'std::runtime_error'" and, on the same line
 /// after a line feed or on the next line, "  what():  message".
-class UncaughtCppExceptionError final : public CrashReportError {
+class MIRELS_EXPORT UncaughtCppExceptionError final : public CrashReportError {
   public:
     UncaughtCppExceptionError(const CrashReport& crashReport, std::string exceptionType,
                               std::optional<std::string> what);
@@ -104,7 +108,8 @@ class UncaughtCppExceptionError final : public CrashReportError {
 
 /// "*** stack smashing detected ***: terminated": the stack protector found a function's
 /// stack guard overwritten.
-class StackSmashingError final : public SingleRegexCrashReportError<StackSmashingError> {
+class MIRELS_EXPORT StackSmashingError final
+    : public SingleRegexCrashReportError<StackSmashingError> {
   public:
     StackSmashingError(const CrashReport& crashReport, std::string_view line,
                        const RegexMatch& match);
@@ -125,7 +130,8 @@ class StackSmashingError final : public SingleRegexCrashReportError<StackSmashin
 /// A heap-consistency message of the C library's allocator, such as "free(): double free
 /// detected in tcache 2", "double free or corruption (out)", "malloc(): corrupted top size" or
 /// "munmap_chunk(): invalid pointer".
-class HeapCorruptionError final : public SingleRegexCrashReportError<HeapCorruptionError> {
+class MIRELS_EXPORT HeapCorruptionError final
+    : public SingleRegexCrashReportError<HeapCorruptionError> {
   public:
     HeapCorruptionError(const CrashReport& crashReport, std::string_view line,
                         const RegexMatch& match);
@@ -147,6 +153,7 @@ class HeapCorruptionError final : public SingleRegexCrashReportError<HeapCorrupt
 };
 
 /// The first parser of the Linux set that recognises `report`, or null.
-std::shared_ptr<const CrashReportError> linuxCrashTextError(const CrashReport& report);
+MIRELS_EXPORT std::shared_ptr<const CrashReportError> linuxCrashTextError(
+    const CrashReport& report);
 
 }  // namespace mirels

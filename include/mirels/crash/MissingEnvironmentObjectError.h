@@ -2,13 +2,14 @@
 
 #include <string>
 
+#include "mirels/Export.h"
 #include "mirels/crash/CrashReportError.h"
 
 namespace mirels {
 
 /// A UI view crashed because an environment object it reads was never provided. Recognised by
 /// "No ObservableObject of type <type> found. A View.environmentObject".
-class MissingEnvironmentObjectError final
+class MIRELS_EXPORT MissingEnvironmentObjectError final
     : public SingleRegexCrashReportError<MissingEnvironmentObjectError> {
   public:
     MissingEnvironmentObjectError(const CrashReport& crashReport, std::string_view line,

@@ -2,13 +2,15 @@
 
 #include <string>
 
+#include "mirels/Export.h"
 #include "mirels/crash/CrashReportError.h"
 
 namespace mirels {
 
 /// A process was terminated by an exception nobody caught. Recognised by "due to uncaught
 /// exception '<exception>', reason: '<reason>'" (both non-empty).
-class UncaughtExceptionError final : public SingleRegexCrashReportError<UncaughtExceptionError> {
+class MIRELS_EXPORT UncaughtExceptionError final
+    : public SingleRegexCrashReportError<UncaughtExceptionError> {
   public:
     UncaughtExceptionError(const CrashReport& crashReport, std::string_view line,
                            const RegexMatch& match);

@@ -11,6 +11,8 @@
 #include <typeinfo>
 #include <utility>
 
+#include "mirels/Export.h"
+
 namespace mirels {
 
 class HumanReadableError;
@@ -31,7 +33,7 @@ struct IsSharedHumanReadableError<std::shared_ptr<T>>
 /// answers `as<T>()`, `exception()` and `humanReadableError()` without throwing. One made from an
 /// `std::exception_ptr` (for example `Error::current()` inside `catch (...)`) learns its type
 /// once, when it is made.
-class Error {
+class MIRELS_EXPORT Error {
   public:
     /// Holds a copy (or the moved value) of `error`, which may be of any type.
     ///

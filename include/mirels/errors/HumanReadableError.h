@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "mirels/Export.h"
 #include "mirels/errors/DiagnosticsCollector.h"
 #include "mirels/errors/HumanReadableErrorOptions.h"
 
@@ -29,7 +30,7 @@ inline constexpr std::size_t maximumSerializedErrorDepth = 510;
 ///
 /// Conformers supply `additionalInfo` and `additionalDiagnostics`; every other operation has a
 /// default. Errors are values: derived classes are copyable, and copies share nothing.
-class HumanReadableError : public std::exception {
+class MIRELS_EXPORT HumanReadableError : public std::exception {
   public:
     ~HumanReadableError() override;
 

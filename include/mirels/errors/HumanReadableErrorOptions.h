@@ -2,11 +2,13 @@
 
 #include <cstdint>
 
+#include "mirels/Export.h"
+
 namespace mirels {
 
 /// Presentation flags of a human-readable error. The bit values cross process boundaries as
 /// integers, so they never change; bit 1 is deliberately unassigned.
-struct HumanReadableErrorOptions {
+struct MIRELS_EXPORT HumanReadableErrorOptions {
     std::intptr_t rawValue = 0;
 
     static const HumanReadableErrorOptions showCrashLogsButton;

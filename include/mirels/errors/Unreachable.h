@@ -5,6 +5,7 @@
 #include <string>
 #include <type_traits>
 
+#include "mirels/Export.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/errors/HumanReadableError.h"
 
@@ -13,7 +14,7 @@ namespace mirels {
 /// The error for a branch that cannot happen but must still return an error rather than stop.
 /// Making one reports a soft-assertion failure for the call site at once, whether or not the
 /// error is ever thrown; copies do not report again.
-class Unreachable final : public HumanReadableError {
+class MIRELS_EXPORT Unreachable final : public HumanReadableError {
   public:
     static constexpr const char* title = "A mirels logic error occurred";
 

@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/core/CancellationToken.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/core/UniqueFunction.h"
@@ -28,7 +29,7 @@ class InvalidationHandle;
 /// for takes that one lock and allocates nothing: the future's promise is made on first request.
 ///
 /// A reference type, made with `create()`.
-class SingleFireEvent final : public std::enable_shared_from_this<SingleFireEvent> {
+class MIRELS_EXPORT SingleFireEvent final : public std::enable_shared_from_this<SingleFireEvent> {
     struct Key {
         explicit Key() = default;
     };

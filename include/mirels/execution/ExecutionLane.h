@@ -8,6 +8,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "mirels/Export.h"
 #include "mirels/core/UniqueFunction.h"
 #include "mirels/execution/DispatchQueue.h"
 #include "mirels/execution/MainQueue.h"
@@ -34,7 +35,7 @@ namespace mirels {
 /// some copy of the lane or some callback submitted to it. Lanes are equal when they are of the
 /// same case and, for queue lanes, name the same queue. The lanes hold no lock; `execute` and
 /// `isCurrent` may be called from any thread.
-class ExecutionLane {
+class MIRELS_EXPORT ExecutionLane {
   public:
     enum class Kind : std::uint8_t { any, main, queue };
 

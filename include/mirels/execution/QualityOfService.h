@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "mirels/Export.h"
+
 namespace mirels {
 
 /// How urgent the work of a queue is. The class selects the worker pool that runs the queue:
@@ -23,6 +25,6 @@ enum class QualityOfService : std::uint8_t {
 };
 
 /// The lower-camel-case name of the class, such as "userInitiated" or "standard".
-const char* name(QualityOfService qos) noexcept;
+MIRELS_EXPORT const char* name(QualityOfService qos) noexcept;
 
 }  // namespace mirels

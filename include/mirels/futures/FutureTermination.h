@@ -6,6 +6,7 @@
 #include <utility>
 #include <variant>
 
+#include "mirels/Export.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/TypeName.h"
 #include "mirels/errors/Error.h"
@@ -16,7 +17,7 @@ namespace mirels {
 
 /// What a canceled future reports to observers that expect a success-or-failure result: the
 /// operation was canceled, from `callsite`.
-class FutureCanceled final : public HumanReadableError {
+class MIRELS_EXPORT FutureCanceled final : public HumanReadableError {
   public:
     explicit FutureCanceled(Callsite callsite) noexcept : callsite_(callsite) {}
 

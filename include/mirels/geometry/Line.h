@@ -4,6 +4,7 @@
 #include <utility>
 #include <variant>
 
+#include "mirels/Export.h"
 #include "mirels/geometry/Geometry.h"
 
 namespace mirels {
@@ -38,7 +39,7 @@ using SegmentIntersection = std::variant<NoIntersection, Point, Segment>;
 /// The direction need not be of unit length; its length is the unit of the parameter t. A line
 /// whose direction is zero is degenerate and stands for the single point `origin`. Stored in
 /// property lists with the keys "origin" and "direction" (point lists).
-struct Line {
+struct MIRELS_EXPORT Line {
     Point origin;
     Point direction;
 
@@ -68,7 +69,7 @@ struct Line {
 
 /// The straight piece between two points. A segment whose ends coincide is a point.
 /// Stored in property lists with the keys "start" and "end" (point lists).
-struct Segment {
+struct MIRELS_EXPORT Segment {
     Point start;
     Point end;
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "mirels/Export.h"
+
 /// The format engine behind the log and the errors' formatted descriptions: printf-style
 /// conversions with the system log's privacy markers, rendered type-safely from C++ arguments.
 
@@ -58,7 +60,7 @@ concept Streamable = requires(std::ostream& stream, const T& value) {
     { stream << value };
 };
 
-void appendText(std::string& out, std::string_view text);
+MIRELS_EXPORT void appendText(std::string& out, std::string_view text);
 inline void appendText(std::string& out, const std::string& text) {
     appendText(out, std::string_view(text));
 }
@@ -135,7 +137,7 @@ LogArgument makeLogArgument(const T& value) {
 }
 
 /// Renders an optional's value with its plain form ("(null)" when absent).
-void renderArgumentPlainly(const LogArgument& argument, std::string& out);
+MIRELS_EXPORT void renderArgumentPlainly(const LogArgument& argument, std::string& out);
 
 template <class T>
 void renderOptional(const void* object, std::string& out) {
@@ -148,8 +150,8 @@ void renderOptional(const void* object, std::string& out) {
 }
 
 /// Renders `format` with `arguments` (see `formatLogMessage`), appending to `out`.
-void renderLogMessage(std::string& out, std::string_view format, const LogArgument* arguments,
-                      std::size_t count);
+MIRELS_EXPORT void renderLogMessage(std::string& out, std::string_view format,
+                                    const LogArgument* arguments, std::size_t count);
 
 }  // namespace detail
 

@@ -12,6 +12,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/platform/Format.h"
 
@@ -21,7 +22,7 @@ namespace mirels {
 enum class LogLevel : std::uint8_t { debug, info, notice, error, fault };
 
 /// "debug", "info", "notice", "error" or "fault".
-std::string_view logLevelName(LogLevel level) noexcept;
+MIRELS_EXPORT std::string_view logLevelName(LogLevel level) noexcept;
 
 /// One rendered message as a backend receives it. The views live only for the call.
 struct LogRecord {
@@ -32,7 +33,7 @@ struct LogRecord {
 };
 
 /// Where rendered messages go. A backend may be called from many threads at once.
-class LogBackend {
+class MIRELS_EXPORT LogBackend {
   public:
     virtual ~LogBackend() = default;
 
@@ -49,7 +50,7 @@ class LogBackend {
 
 /// Sends messages to the systemd journal with the fields MESSAGE, PRIORITY, SYSLOG_IDENTIFIER
 /// (the process name), MIRELS_SUBSYSTEM and MIRELS_CATEGORY.
-class JournalLogBackend final : public LogBackend {
+class MIRELS_EXPORT JournalLogBackend final : public LogBackend {
   public:
     void write(const LogRecord& record) override;
 
@@ -60,7 +61,7 @@ class JournalLogBackend final : public LogBackend {
 /// Writes one line per message to standard error, as a single write so that lines from
 /// concurrent threads and processes do not interleave:
 /// "name[pid] <level> subsystem:category: message".
-class StandardErrorLogBackend final : public LogBackend {
+class MIRELS_EXPORT StandardErrorLogBackend final : public LogBackend {
   public:
     /// Debug chatter is left out unless asked for, as the system log does by default.
     explicit StandardErrorLogBackend(LogLevel minimumLevel = LogLevel::info) noexcept
@@ -74,7 +75,7 @@ class StandardErrorLogBackend final : public LogBackend {
 };
 
 /// Keeps every message, for tests. Thread-safe.
-class CapturingLogBackend final : public LogBackend {
+class MIRELS_EXPORT CapturingLogBackend final : public LogBackend {
   public:
     struct Entry {
         LogLevel level;
@@ -98,17 +99,17 @@ class CapturingLogBackend final : public LogBackend {
 
 /// The backend chosen for this machine: the journal where its socket exists, standard error
 /// otherwise.
-std::shared_ptr<LogBackend> makeDefaultLogBackend();
+MIRELS_EXPORT std::shared_ptr<LogBackend> makeDefaultLogBackend();
 
 /// The process-wide backend every `Logger` writes to.
-std::shared_ptr<LogBackend> currentLogBackend();
+MIRELS_EXPORT std::shared_ptr<LogBackend> currentLogBackend();
 
 /// Installs `backend` process-wide and returns the one it replaces; null restores the default.
 /// Messages being written on other threads finish on the backend they started with.
-std::shared_ptr<LogBackend> setLogBackend(std::shared_ptr<LogBackend> backend);
+MIRELS_EXPORT std::shared_ptr<LogBackend> setLogBackend(std::shared_ptr<LogBackend> backend);
 
 /// Captures every message for its lifetime and restores the previous backend afterwards.
-class ScopedLogCapture {
+class MIRELS_EXPORT ScopedLogCapture {
   public:
     ScopedLogCapture();
     ~ScopedLogCapture();
@@ -126,14 +127,15 @@ class ScopedLogCapture {
 namespace detail {
 
 /// Renders and sends one message to the current backend.
-void emitLog(LogLevel level, std::string_view subsystem, std::string_view category,
-             std::string_view format, const LogArgument* arguments, std::size_t count);
+MIRELS_EXPORT void emitLog(LogLevel level, std::string_view subsystem, std::string_view category,
+                           std::string_view format, const LogArgument* arguments,
+                           std::size_t count);
 
 }  // namespace detail
 
 /// A log handle for one subsystem (reverse-DNS, such as "org.mirels.foundation") and category
 /// (a part of it, such as "defaults"). Cheap to copy; writes to the process-wide backend.
-class Logger {
+class MIRELS_EXPORT Logger {
   public:
     Logger(std::string subsystem, std::string category)
         : subsystem_(std::move(subsystem)), category_(std::move(category)) {}

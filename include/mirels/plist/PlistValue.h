@@ -7,6 +7,8 @@
 #include <variant>
 #include <vector>
 
+#include "mirels/Export.h"
+
 namespace mirels {
 
 /// A point in time as property lists store it: seconds (with fraction) since
@@ -71,9 +73,9 @@ using PlistData = PlistValue::Data;
 
 /// The name of a kind as messages print it ("String", "Bool", "Int", "Double", "Data", "Date",
 /// "Array", "Dictionary").
-std::string_view plistKindName(PlistValue::Kind kind) noexcept;
+MIRELS_EXPORT std::string_view plistKindName(PlistValue::Kind kind) noexcept;
 
 /// A stable, readable dump of a value, dictionaries with their keys in sorted order.
-std::string describe(const PlistValue& value);
+MIRELS_EXPORT std::string describe(const PlistValue& value);
 
 }  // namespace mirels

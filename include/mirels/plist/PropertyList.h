@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/FatalError.h"
 #include "mirels/core/Identifier.h"
@@ -59,12 +60,14 @@ struct UnarchiveContext {
 };
 
 // The reading errors, thrown out of line so that this header needs no error types.
-[[noreturn]] void throwMissingKey(const UnarchiveContext& context);
-[[noreturn]] void throwInvalidValue(const UnarchiveContext& context, std::string expectedType,
-                                    const PlistValue& found);
-[[noreturn]] void throwCouldNotUnflatten(const UnarchiveContext& context, const PlistValue& element,
-                                         std::string targetType);
-[[noreturn]] void throwInvalidRawValue(std::string typeName, std::string rawValue);
+[[noreturn]] MIRELS_EXPORT void throwMissingKey(const UnarchiveContext& context);
+[[noreturn]] MIRELS_EXPORT void throwInvalidValue(const UnarchiveContext& context,
+                                                  std::string expectedType,
+                                                  const PlistValue& found);
+[[noreturn]] MIRELS_EXPORT void throwCouldNotUnflatten(const UnarchiveContext& context,
+                                                       const PlistValue& element,
+                                                       std::string targetType);
+[[noreturn]] MIRELS_EXPORT void throwInvalidRawValue(std::string typeName, std::string rawValue);
 
 /// A stored value of the wrong kind: at the top `invalidValue`, inside a container
 /// `couldNotUnflatten`.
@@ -535,7 +538,7 @@ concept PropertyListContent =
 ///
 /// A value type; copies share the dictionary until one of them changes it (copy-on-write), so
 /// copying a list, or an error that quotes one, is cheap.
-class PropertyList {
+class MIRELS_EXPORT PropertyList {
   public:
     PropertyList() noexcept = default;
     /// Takes the dictionary as it is, without checking.

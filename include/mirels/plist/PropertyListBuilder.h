@@ -6,6 +6,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "mirels/Export.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/plist/PropertyList.h"
 
@@ -27,7 +28,7 @@ namespace mirels {
 ///
 /// A key text given twice in one block is a programming error that stops the process, even when
 /// one or both of the values are absent: a list written out by hand must not say one key twice.
-class PropertyListBuilder {
+class MIRELS_EXPORT PropertyListBuilder {
   public:
     PropertyListBuilder() = delete;
 

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/core/AnyEquatable.h"
 #include "mirels/core/AutoCancelling.h"
 #include "mirels/core/Callsite.h"
@@ -62,7 +63,7 @@ concept FutureQuery = HashableQuery<Q> && detail::IsFuture<QueryOutput<Q>>::valu
 ///
 /// A reference type made by `create`; every operation may be called from any thread. A manager
 /// must not be (directly or through delegates) its own delegate.
-class QueryManager final : public std::enable_shared_from_this<QueryManager> {
+class MIRELS_EXPORT QueryManager final : public std::enable_shared_from_this<QueryManager> {
     struct Key {
         explicit Key() = default;
     };

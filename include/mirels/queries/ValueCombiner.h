@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/collections/OrderedSet.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/FatalError.h"
@@ -127,7 +128,7 @@ struct LogicalOrMerge : MergeOperationDefaults<LogicalOrMerge> {
 };
 
 namespace detail {
-[[noreturn]] void nilMergePerformed(Callsite callsite);
+[[noreturn]] MIRELS_EXPORT void nilMergePerformed(Callsite callsite);
 }  // namespace detail
 
 /// The strategy of queries that are never merged. Performing it is a programming error that

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "mirels/Export.h"
+
 // Compiled regular expressions for recognising crash text and build output: PCRE2 (8-bit code
 // units, byte semantics unless a pattern asks otherwise), JIT-compiled where the machine allows.
 //
@@ -23,7 +25,7 @@ class Regex;
 
 /// One match: the whole match and the capture groups, as views into the searched text (valid
 /// while that text lives). Keeps the first 16 groups (group 0 is the whole match).
-class RegexMatch {
+class MIRELS_EXPORT RegexMatch {
   public:
     static constexpr std::size_t maximumGroups = 16;
 
@@ -43,7 +45,7 @@ class RegexMatch {
 };
 
 /// A compiled pattern. Immutable and safe to search from many threads at once.
-class Regex {
+class MIRELS_EXPORT Regex {
   public:
     /// PCRE2 compile options this library uses.
     enum Options : std::uint32_t {

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <utility>
 
+#include "mirels/Export.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/plist/PropertyList.h"
 #include "mirels/version/UserDefaults.h"
@@ -67,7 +68,8 @@ struct UserDefaultTraits<std::optional<T>> {
 
 namespace detail {
 /// Logs that the stored value of `key` could not be read as the wrapper's type.
-void logUnreadableUserDefault(std::string_view key, const std::exception& error) noexcept;
+MIRELS_EXPORT void logUnreadableUserDefault(std::string_view key,
+                                            const std::exception& error) noexcept;
 }  // namespace detail
 
 /// One per-user preference, read through a preference store (`UserDefaults::standard()` unless

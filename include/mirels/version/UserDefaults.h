@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "mirels/Export.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/plist/PlistValue.h"
 
@@ -26,7 +27,7 @@ namespace mirels {
 /// object until the file changes.
 ///
 /// Thread-safe. Neither copyable nor movable: share it by reference.
-class UserDefaults {
+class MIRELS_EXPORT UserDefaults {
   public:
     /// The library's own domain.
     static constexpr std::string_view standardDomain = "org.mirels.foundation";

@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "mirels/Export.h"
+
 namespace mirels {
 
 /// The operating system's version as the platform reports it: three numbers.
@@ -21,7 +23,7 @@ struct OperatingSystemVersion {
 ///
 /// A value type: equatable, hashable, and ordered by major, then minor, then update. Its text
 /// leaves the update out when it is zero, so 6.1.0 reads "6.1".
-class VersionNumber {
+class MIRELS_EXPORT VersionNumber {
   public:
     constexpr VersionNumber(std::int64_t major, std::int64_t minor,
                             std::int64_t update = 0) noexcept
@@ -64,7 +66,7 @@ class VersionNumber {
 };
 
 /// Writes the version's description.
-std::ostream& operator<<(std::ostream& stream, const VersionNumber& version);
+MIRELS_EXPORT std::ostream& operator<<(std::ostream& stream, const VersionNumber& version);
 
 }  // namespace mirels
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "mirels/Export.h"
 #include "mirels/core/Callsite.h"
 
 namespace mirels::detail {
@@ -26,6 +27,6 @@ enum class FutureFunction {
 };
 
 /// The library's call site for `function`.
-Callsite futureCallsite(FutureFunction function) noexcept;
+MIRELS_EXPORT Callsite futureCallsite(FutureFunction function) noexcept;
 
 }  // namespace mirels::detail
