@@ -3,8 +3,8 @@
 # Works on a fresh machine: installs what it needs first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/bootstrap.sh
-cmake --preset default >/dev/null
+scripts/bootstrap.sh run
+cmake --preset default -DMIRELS_BUILD_TESTS=OFF -DMIRELS_BUILD_BENCH=OFF >/dev/null
 cmake --build --preset default
 status=0
 for program in build/default/examples/example_*; do

@@ -1,5 +1,9 @@
 #pragma once
 
+// `CoreTallyLogger`: the analytics logger over the process-wide transport. Also `AnalyticsHints`,
+// `AnalyticsPayload`, `AnalyticsPayloadBuilder`, `CoreTallyTransport`, `QKCoreTallyLogEvent()`,
+// `setCoreTallyTransport()`.
+
 #include <memory>
 #include <optional>
 #include <string>

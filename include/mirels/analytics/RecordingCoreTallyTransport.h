@@ -1,5 +1,8 @@
 #pragma once
 
+// `RecordingCoreTallyTransport`: a transport that keeps every event it is given (building each
+// payload at once), for tests. Also `ScopedRecordingTransport`.
+
 #include <memory>
 #include <string>
 #include <vector>

@@ -1,5 +1,7 @@
 #pragma once
 
+// `CapturingCommandLinePrinter`: a printer that keeps what it is given instead of writing it.
+
 #include <span>
 #include <string>
 #include <string_view>

@@ -1,5 +1,9 @@
 #pragma once
 
+// `UnknownOptionError`: an argument named no option of the set, or was positional with no consumer
+// left to take it. Also `OptionNeedsArgumentError`, `InvalidInteger`, `UnknownEnumValue`,
+// `MissingCommandError`, `UnknownCommandError`.
+
 #include <optional>
 #include <string>
 #include <vector>

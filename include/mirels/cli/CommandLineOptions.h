@@ -1,5 +1,10 @@
 #pragma once
 
+// `CommandLineOptions`: the options and argument consumers that fill a settings record `T`, in
+// declaration order. Also `CommandLineValueFetcher`, `CommandLineEnumeration`,
+// `CommandLineOptionDescription`, `CommandLineOption`, `CommandLineArgumentConsumer`,
+// `CommandLineOptionBuilder` and more.
+
 #include <concepts>
 #include <cstddef>
 #include <cstdint>

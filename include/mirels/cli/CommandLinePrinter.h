@@ -1,5 +1,9 @@
 #pragma once
 
+// `CommandLinePrinter`: the terminal printer. Also `CommandLinePrintingAttribute`,
+// `commandLinePrintingAttribute()`, `PaddingPosition`, `characterCount()`, `padded()`,
+// `AnyCommandLinePrinter`.
+
 #include <array>
 #include <concepts>
 #include <cstddef>

@@ -1,5 +1,9 @@
 #pragma once
 
+// `QKCommandLineProcess`: a thin wrapper around one `ChildProcess`, held strongly as `task()`, so
+// that a child can be replaced by a substitute (a subclass made with `initNoTask()` that overrides
+// the operations) or observed.
+
 #include <functional>
 #include <memory>
 #include <optional>

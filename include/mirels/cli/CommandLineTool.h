@@ -1,5 +1,22 @@
 #pragma once
 
+// `CommandLineTool`: a program of several commands. Also `DefaultInit`,
+// `CommandLineCommandProtocol`, `CommandLineCommand`, `CommandLineCommandType`.
+//
+// Example:
+//
+//     struct Build : CommandLineCommand<Build> {
+//         using Options = BuildSettings;  // a default-constructible settings record
+//         static constexpr std::string_view name = "build";
+//         static constexpr std::string_view description = "Builds the files.";
+//         static CommandLineOptions<Options> options();
+//         static void execute(const Options& options, AnyCommandLinePrinter& printer);
+//     };
+//     int main() {
+//         CommandLineTool tool("Builds things.", {commandType<Build>}, {"build OPTIONS [FILE]"});
+//         tool.run();  // reads the process's arguments; prints usage and errors
+//     }
+
 #include <concepts>
 #include <initializer_list>
 #include <memory>

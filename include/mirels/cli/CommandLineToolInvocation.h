@@ -1,5 +1,8 @@
 #pragma once
 
+// `CommandLineToolInvocation`: one run of an external program, described completely up front. Also
+// `CommandLineToolInvocationError`.
+
 #include <functional>
 #include <map>
 #include <optional>

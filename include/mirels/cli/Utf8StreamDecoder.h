@@ -1,5 +1,8 @@
 #pragma once
 
+// `Utf8StreamDecoder`: turns a byte stream that arrives in pieces (reads from a pipe) into UTF-8
+// text.
+
 #include <cstddef>
 #include <cstdint>
 #include <string>

@@ -1,5 +1,7 @@
 #pragma once
 
+// `ChunkStack`: an unbounded stack made of `FixedStack` chunks of one size.
+
 #include <algorithm>
 #include <compare>
 #include <concepts>

@@ -1,5 +1,7 @@
 #pragma once
 
+// `FixedStack`: a stack of fixed capacity over one buffer allocated at creation.
+
 #include <algorithm>
 #include <atomic>
 #include <concepts>

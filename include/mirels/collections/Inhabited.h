@@ -1,5 +1,9 @@
 #pragma once
 
+// `Inhabited`: a collection known to hold at least one element, so that `first()` (and `last()` for
+// bidirectional bases) needs no optional. Also `HasHead`, `Predicated`, `ReversedCollection`,
+// `groupElements()`, `compactGroupElements()`, `orderedGroupElements()` and more.
+
 #include <algorithm>
 #include <concepts>
 #include <cstddef>

@@ -1,5 +1,14 @@
 #pragma once
 
+// `OrderedDictionary`: a hash map that remembers the order in which its keys were first inserted.
+//
+// Example:
+//
+//     OrderedDictionary<std::string, int> counts;
+//     for (const std::string& word : words) ++guaranteedValue(counts, word, [] { return 0; });
+//     // in the order in which the words first appeared:
+//     for (const auto& [word, count] : counts) std::printf("%s: %d\n", word.c_str(), count);
+
 #include <algorithm>
 #include <concepts>
 #include <cstddef>

@@ -1,5 +1,8 @@
 #pragma once
 
+// `OrderedSet`: a list of unique elements in insertion order, with hash-based membership. Also
+// `OrderedSet()`, `orderedUniqued()`.
+
 #include <algorithm>
 #include <concepts>
 #include <cstddef>

@@ -1,5 +1,8 @@
 #pragma once
 
+// `AutoCancelling`: holds cancellation tokens and cancels every one of them when it goes away. Also
+// `store()`.
+
 #include <memory>
 
 #include "mirels/Export.h"

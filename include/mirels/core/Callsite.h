@@ -1,6 +1,9 @@
 #pragma once
 
+// `Callsite`: where in the caller's source an operation was requested.
+
 #include <cstddef>
+#include <ostream>
 #include <source_location>
 #include <string>
 
@@ -67,5 +70,10 @@ class MIRELS_EXPORT Callsite {
     std::size_t column_;
     const char* function_;
 };
+
+/// Streams the call site's description.
+inline std::ostream& operator<<(std::ostream& stream, const Callsite& callsite) {
+    return stream << callsite.description();
+}
 
 }  // namespace mirels

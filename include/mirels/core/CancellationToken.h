@@ -1,5 +1,21 @@
 #pragma once
 
+// `CancellationToken`: what an observing or subscribing operation hands back. Also
+// `CancellationTokenSet`, `CancellationTokenWithPayload`, `store()`.
+//
+// Example:
+//
+//     // A notifier hands out one token per listener; cancelling it removes the listener.
+//     std::shared_ptr<CancellationToken> Notifier::listen(Listener listener) {
+//         Identifier id;
+//         listeners_.syncWrite([&](auto& all) { all.emplace(id, std::move(listener)); });
+//         return CancellationToken::create([this, id] {
+//             listeners_.syncWrite([&](auto& all) { all.erase(id); });
+//         });
+//     }
+//     auto token = notifier.listen([](const std::string& m) { log(m); });
+//     token->cancel();  // removes the listener; cancelling again does nothing
+
 #include <atomic>
 #include <memory>
 #include <unordered_set>

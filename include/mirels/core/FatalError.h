@@ -1,5 +1,8 @@
 #pragma once
 
+// `fatalError()`: stops the process with a message and the call site, for misuse that leaves no
+// sensible result.
+
 #include <string_view>
 
 #include "mirels/Export.h"

@@ -1,7 +1,10 @@
 #pragma once
 
+// `Identifier`: a process-unique identifier. Also `nextProcessIdentifier()`.
+
 #include <cstdint>
 #include <functional>
+#include <ostream>
 
 #include "mirels/Export.h"
 
@@ -24,6 +27,11 @@ struct Identifier {
     friend constexpr bool operator==(Identifier, Identifier) noexcept = default;
     friend constexpr auto operator<=>(Identifier, Identifier) noexcept = default;
 };
+
+/// Streams the number.
+inline std::ostream& operator<<(std::ostream& stream, Identifier identifier) {
+    return stream << identifier.identifier;
+}
 
 }  // namespace mirels
 

@@ -1,5 +1,8 @@
 #pragma once
 
+// `unqualifiedTypeName()`: the innermost name of a type, from its demangled name. Also
+// `stripNamespaces()`.
+
 #include <string>
 #include <string_view>
 #include <typeinfo>

@@ -1,11 +1,14 @@
 #pragma once
 
+// `UUID`: a 128-bit universally unique identifier.
+
 #include <array>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <string_view>
 
@@ -40,6 +43,11 @@ class MIRELS_EXPORT UUID {
   private:
     Bytes bytes_{};
 };
+
+/// Streams the canonical text form (`uuidString()`).
+inline std::ostream& operator<<(std::ostream& stream, const UUID& uuid) {
+    return stream << uuid.uuidString();
+}
 
 }  // namespace mirels
 

@@ -1,5 +1,7 @@
 #pragma once
 
+// `UnfairLock`: a non-recursive, unfair mutual-exclusion lock over one 4-byte futex word.
+
 #include <atomic>
 #include <cstdint>
 

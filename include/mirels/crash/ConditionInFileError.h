@@ -1,5 +1,7 @@
 #pragma once
 
+// `ConditionInFileError`: a process stopped at a failed check in a source file.
+
 #include <cstdint>
 #include <optional>
 #include <string>

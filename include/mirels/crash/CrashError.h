@@ -1,5 +1,8 @@
 #pragma once
 
+// `CrashError`: the fallback explanation of a crash, when no crash-text parser recognises the
+// report.
+
 #include "mirels/Export.h"
 #include "mirels/crash/CrashReportError.h"
 

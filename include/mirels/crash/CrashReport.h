@@ -1,5 +1,7 @@
 #pragma once
 
+// `CrashReport`: one crash report of a crashed process.
+
 #include <cstdint>
 #include <memory>
 #include <optional>

@@ -1,5 +1,8 @@
 #pragma once
 
+// `CrashReportListener`: hands out the next crash report of a process as it appears in a folder of
+// crash reports. Also `CrashReportListenerError`.
+
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>

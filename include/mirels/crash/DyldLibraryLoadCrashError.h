@@ -1,5 +1,8 @@
 #pragma once
 
+// `DyldLibraryLoadCrashError`: a process could not start because the dynamic loader did not find a
+// library it links.
+
 #include <string>
 
 #include "mirels/Export.h"

@@ -1,5 +1,8 @@
 #pragma once
 
+// `firstFileBuildErrorMessage()`: the message of the first compiler error that names a file in
+// `buildOutput`. Also `firstBuildErrorMessage()`.
+
 #include <optional>
 #include <string>
 #include <string_view>

@@ -1,5 +1,8 @@
 #pragma once
 
+// `MissingEnvironmentObjectError`: a UI view crashed because an environment object it reads was
+// never provided.
+
 #include <string>
 
 #include "mirels/Export.h"

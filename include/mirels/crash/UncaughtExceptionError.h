@@ -1,5 +1,7 @@
 #pragma once
 
+// `UncaughtExceptionError`: a process was terminated by an exception nobody caught.
+
 #include <string>
 
 #include "mirels/Export.h"

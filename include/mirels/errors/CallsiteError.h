@@ -1,5 +1,7 @@
 #pragma once
 
+// `CallsiteError`: an error together with the place where it was thrown or passed through.
+
 #include <optional>
 #include <string>
 #include <utility>

@@ -1,5 +1,8 @@
 #pragma once
 
+// `DiagnosticsCollector`: gathers named text attachments that errors contribute to a diagnostics
+// report.
+
 #include <string>
 #include <vector>
 

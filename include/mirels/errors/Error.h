@@ -1,5 +1,7 @@
 #pragma once
 
+// `Error`: a failure as a value.
+
 #include <concepts>
 #include <exception>
 #include <memory>
@@ -175,5 +177,12 @@ class MIRELS_EXPORT Error {
 
     std::shared_ptr<const Box> box_;
 };
+
+/// Streams `description()`. A template on exactly `Error`, so that streaming another type never
+/// converts it into an error through the converting constructor.
+template <std::same_as<Error> E>
+std::ostream& operator<<(std::ostream& stream, const E& error) {
+    return stream << error.description();
+}
 
 }  // namespace mirels

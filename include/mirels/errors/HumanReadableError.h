@@ -1,5 +1,19 @@
 #pragma once
 
+// `HumanReadableError`: an error that can be shown to a person.
+//
+// Example:
+//
+//     class ExportFailed final : public HumanReadableError {
+//       public:
+//         std::optional<std::string> highValueTitle() const override { return "Could not export"; }
+//         std::optional<std::string> additionalInfo() const override { return std::nullopt; }
+//         std::optional<std::string> additionalDiagnostics() const override {
+//             return std::nullopt;
+//         }
+//     };
+//     Error failure = withUnderlying(ExportFailed(), Error::current());  // inside a catch block
+
 #include <atomic>
 #include <cstddef>
 #include <exception>

@@ -1,5 +1,7 @@
 #pragma once
 
+// `HumanReadableErrorOptions`: presentation flags of a human-readable error.
+
 #include <cstdint>
 
 #include "mirels/Export.h"

@@ -1,5 +1,7 @@
 #pragma once
 
+// `PlatformError`: the error object that services and processes exchange. Also `formatErrorText()`.
+
 #include <cstdint>
 #include <exception>
 #include <functional>

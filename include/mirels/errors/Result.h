@@ -1,5 +1,7 @@
 #pragma once
 
+// `Result`: a success-or-failure value.
+
 #include <exception>
 #include <optional>
 #include <type_traits>

@@ -1,5 +1,8 @@
 #pragma once
 
+// `Unreachable`: the error for a branch that cannot happen but must still return an error rather
+// than stop.
+
 #include <concepts>
 #include <optional>
 #include <string>

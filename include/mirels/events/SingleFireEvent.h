@@ -1,5 +1,7 @@
 #pragma once
 
+// `SingleFireEvent`: a latch.
+
 #include <atomic>
 #include <cstdint>
 #include <memory>

@@ -1,5 +1,7 @@
 #pragma once
 
+// `DispatchQueue`: a work queue that runs callbacks on the library's worker pools.
+
 #include <memory>
 #include <optional>
 #include <string>

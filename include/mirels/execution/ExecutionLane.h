@@ -1,5 +1,13 @@
 #pragma once
 
+// `ExecutionLane`: where a callback runs.
+//
+// Example:
+//
+//     ExecutionLane lane = ExecutionLane::queue("org.example.ledger", QualityOfService::utility);
+//     lane.execute([] { /* runs on the lane's serial queue, one callback at a time */ });
+//     ExecutionLane::main().execute([] { /* runs on the main thread */ });
+
 #include <cstdint>
 #include <functional>
 #include <memory>

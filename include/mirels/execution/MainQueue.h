@@ -1,5 +1,7 @@
 #pragma once
 
+// `MainQueue`: the process's main queue.
+
 #include <cstddef>
 
 #include "mirels/Export.h"

@@ -1,5 +1,8 @@
 #pragma once
 
+// `OneShotTimer`: a callback that runs once on the background queue after a delay, unless cancelled
+// first.
+
 #include <cstdint>
 
 #include "mirels/Export.h"

@@ -1,5 +1,7 @@
 #pragma once
 
+// `Thread`: the object that stands for one thread of the process.
+
 #include <sys/types.h>
 
 #include <memory>

@@ -1,5 +1,7 @@
 #pragma once
 
+// `ThreadGuard`: a box for state owned by one thread (or one serial context) that is never locked.
+
 #include <atomic>
 #include <cstdint>
 #include <functional>

@@ -1,5 +1,8 @@
 #pragma once
 
+// `AccumulatedError`: the errors of several failures together, in the order of the elements that
+// failed.
+
 #include <optional>
 #include <string>
 #include <vector>

@@ -1,5 +1,15 @@
 #pragma once
 
+// `Future`: a handle on a future. Also `TimeoutErrorMaker`, `FutureTerminationCases`,
+// `AbstractFuture`, `FutureAndPromise`, `future()`.
+//
+// Example:
+//
+//     auto [future, promise] = Future<int>::create();
+//     queue->async([promise] { promise.succeed(42); });
+//     Future<std::string> text = future.mapSuccess([](int n) { return std::to_string(n); });
+//     auto token = text.observeSuccess([](const std::string& s) { std::puts(s.c_str()); });
+
 #include <time.h>
 
 #include <atomic>

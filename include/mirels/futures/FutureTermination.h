@@ -1,6 +1,9 @@
 #pragma once
 
+// `FutureTermination`: how a future ended. Also `FutureCanceled`, `FutureValue`, `FutureState`.
+
 #include <optional>
+#include <ostream>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -243,6 +246,12 @@ class FutureTermination {
     std::variant<Result<T>, Callsite> storage_;
 };
 
+/// Streams `description()`: the case and, when succeeded, the value type.
+template <class T>
+std::ostream& operator<<(std::ostream& stream, const FutureTermination<T>& value) {
+    return stream << value.description();
+}
+
 /// Where a future stands: running, or finished with a termination. A snapshot: it may be out of
 /// date as soon as it is read.
 template <class T>
@@ -295,5 +304,11 @@ class FutureState {
 
     std::optional<FutureTermination<T>> termination_;
 };
+
+/// Streams `description()`: "running" or the termination's description.
+template <class T>
+std::ostream& operator<<(std::ostream& stream, const FutureState<T>& value) {
+    return stream << value.description();
+}
 
 }  // namespace mirels

@@ -1,5 +1,7 @@
 #pragma once
 
+// `PromiseFuture`: the future behind a `Promise`. Also `Promise`.
+
 #include <memory>
 #include <new>
 #include <optional>

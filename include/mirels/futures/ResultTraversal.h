@@ -1,5 +1,8 @@
 #pragma once
 
+// `invert()`: the list of values when every result succeeded, else the first failure in order. Also
+// `invertAndAccumulateErrors()`, `traverse()`, `traverseAndAccumulateErrors()`.
+
 #include <cstddef>
 #include <iterator>
 #include <ranges>

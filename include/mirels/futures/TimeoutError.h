@@ -1,5 +1,7 @@
 #pragma once
 
+// `TimeoutError`: the library's time-out error. Also `effectiveTimeout()`.
+
 #include <optional>
 #include <string>
 

@@ -1,5 +1,7 @@
 #pragma once
 
+// `TimeoutFuture`: a future that is sure to finish.
+
 #include <chrono>
 #include <cmath>
 #include <memory>

@@ -1,6 +1,9 @@
 #pragma once
 
+// `Axis`: one of the two directions of the plane. Also `otherAxis()`, `coordinate()`, `length()`.
+
 #include <array>
+#include <ostream>
 #include <utility>
 
 #include "mirels/geometry/Geometry.h"
@@ -37,5 +40,10 @@ struct RawValueCases<Axis> {
     static constexpr std::array cases = {std::pair{Axis::horizontal, "horizontal"},
                                          std::pair{Axis::vertical, "vertical"}};
 };
+
+/// Streams the raw value, "horizontal" or "vertical".
+inline std::ostream& operator<<(std::ostream& stream, Axis axis) {
+    return stream << rawValue(axis);
+}
 
 }  // namespace mirels

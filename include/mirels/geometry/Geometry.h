@@ -1,5 +1,7 @@
 #pragma once
 
+// `Point`: a point in a two-dimensional coordinate space. Also `Size`, `Rect`.
+
 #include <array>
 #include <utility>
 

@@ -1,5 +1,8 @@
 #pragma once
 
+// `Line`: an infinite straight line. Also `NoIntersection`, `LineIntersection`,
+// `SegmentIntersection`, `Segment`.
+
 #include <array>
 #include <utility>
 #include <variant>

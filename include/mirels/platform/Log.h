@@ -1,5 +1,9 @@
 #pragma once
 
+// `LogLevel`: how important a log message is, from chatter to a broken invariant. Also
+// `logLevelName()`, `LogRecord`, `LogBackend`, `JournalLogBackend`, `StandardErrorLogBackend`,
+// `CapturingLogBackend` and more.
+
 #include <concepts>
 #include <cstddef>
 #include <cstdint>

@@ -1,5 +1,7 @@
 #pragma once
 
+// `processName()`: the current process's name. Also `currentExecutablePath()`.
+
 #include <filesystem>
 #include <optional>
 #include <string>

@@ -1,5 +1,8 @@
 #pragma once
 
+// `PropertyListSerializationError`: reading or writing a property list failed. Also `toXML()`,
+// `toBinary()`, `parsePropertyList()`, `parsePropertyListDictionary()`.
+
 #include <cstddef>
 #include <cstdint>
 #include <span>

@@ -1,5 +1,8 @@
 #pragma once
 
+// `PlistValue`: a dynamically typed plain property-list value. Also `PlistDate`, `plistKindName()`,
+// `describe()`.
+
 #include <cstdint>
 #include <map>
 #include <string>

@@ -1,5 +1,17 @@
 #pragma once
 
+// `PropertyList`: a typed façade over a string-keyed dictionary of plain property-list values, the
+// form in which processes hand settings and structured payloads to one another. Also
+// `PropertyListKey`, `propertyListKeyText()`, `PropertyListTraits`, `PropertyListRepresentable`.
+//
+// Example:
+//
+//     PropertyList settings;
+//     settings.archiveValue(std::vector<std::string>{"a", "b"}, "recent");
+//     settings.archiveValue(UUID::random(), "session");  // with mirels/plist/UUIDPropertyList.h
+//     // throws PropertyListError, naming the key, when the stored value has another type:
+//     auto recent = settings.unarchiveValue<std::vector<std::string>>("recent");
+
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -10,6 +22,7 @@
 #include <limits>
 #include <map>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -693,6 +706,12 @@ class MIRELS_EXPORT PropertyList {
 
     detail::SharedPlistDictionary* shared_ = nullptr;
 };
+
+/// Streams `description()` (of exactly a `PropertyList`: nothing converts into one to be streamed).
+template <std::same_as<PropertyList> P>
+std::ostream& operator<<(std::ostream& stream, const P& list) {
+    return stream << list.description();
+}
 
 namespace detail {
 

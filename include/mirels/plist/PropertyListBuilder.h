@@ -1,5 +1,8 @@
 #pragma once
 
+// `PropertyListBuilder`: writes a property list as a block of key/value lines, one line per entry,
+// where a line whose value is absent contributes nothing.
+
 #include <initializer_list>
 #include <optional>
 #include <string>

@@ -1,5 +1,7 @@
 #pragma once
 
+// `PropertyListError`: reading a typed value out of a property list failed. Also `InvalidUUID`.
+
 #include <optional>
 #include <string>
 

@@ -1,5 +1,8 @@
 #pragma once
 
+// `QueryManager`: the meeting point of the query system. Also `FutureQuery`, `performMerge()`,
+// `MergeOperationDefaults`, `uncachedValue()`, `value()`, `debugDescription()` and more.
+
 #include <cstddef>
 #include <exception>
 #include <functional>

@@ -1,5 +1,8 @@
 #pragma once
 
+// `FirstValueMerge`: the first answer, absent for none. Also `ConcatenationMerge`, `UnionMerge`,
+// `OrderedUnionMerge`, `SumMerge`, `LogicalOrMerge`, `NilMerge` and more.
+
 #include <cstddef>
 #include <iterator>
 #include <optional>

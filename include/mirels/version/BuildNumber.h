@@ -1,5 +1,7 @@
 #pragma once
 
+// `BuildNumber`: an operating-system build identifier, a short code such as "1A1" or "21C5021a".
+
 #include <compare>
 #include <cstddef>
 #include <cstdint>

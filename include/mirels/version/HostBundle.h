@@ -1,5 +1,8 @@
 #pragma once
 
+// `hostBundlePath()`: the application bundle that contains `executablePath`. Also
+// `bundleBuildVersion()`, `hostBundleBuildVersion()`.
+
 #include <filesystem>
 #include <optional>
 #include <string>

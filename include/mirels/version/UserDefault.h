@@ -1,5 +1,9 @@
 #pragma once
 
+// `UserDefault`: one per-user preference, read through a preference store
+// (`UserDefaults::standard()` unless another is given) and cached. Also `UserDefaultTraits`,
+// `UserDefaultRepresentable`.
+
 #include <cstdint>
 #include <exception>
 #include <optional>

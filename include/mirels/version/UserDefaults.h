@@ -1,5 +1,7 @@
 #pragma once
 
+// `UserDefaults`: a per-user preference store.
+
 #include <cstdint>
 #include <filesystem>
 #include <optional>

@@ -1,5 +1,8 @@
 #pragma once
 
+// `VersionNumber`: a dotted major.minor.update version, such as "6.1" or "6.1.12". Also
+// `OperatingSystemVersion`.
+
 #include <compare>
 #include <cstddef>
 #include <cstdint>

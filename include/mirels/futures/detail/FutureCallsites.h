@@ -1,5 +1,8 @@
 #pragma once
 
+// `FutureFunction` and `futureCallsite()` (internal): the fixed call sites futures record as the
+// library's own.
+
 #include "mirels/Export.h"
 #include "mirels/core/Callsite.h"
 
