@@ -23,7 +23,8 @@ DelayedInvocation::DelayedInvocation(Key, TimePeriod delay, Mode mode, Execution
       lane_(std::move(lane)),
       action_(std::move(action)),
       scheduler_(std::move(scheduler)),
-      callsite_(callsite) {}
+      callsite_(callsite),
+      state_(State{}) {}
 
 DelayedInvocation::~DelayedInvocation() {
     // No other reference exists, so the state needs no lock; the armed action can no longer

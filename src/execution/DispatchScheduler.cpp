@@ -108,7 +108,7 @@ struct DispatchScheduler::Core {
     }
 
     const ExecutionLane lane;
-    ThreadSafe<State> state;
+    ThreadSafe<State> state{State{}};
 };
 
 DispatchScheduler::DispatchScheduler(Key, ExecutionLane lane)
