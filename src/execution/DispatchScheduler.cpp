@@ -137,15 +137,18 @@ std::size_t DispatchScheduler::pendingCount() const {
 
 std::shared_ptr<CancellationToken> DispatchScheduler::scheduleAction(MonotonicTimestamp deadline,
                                                                      TimePeriod leeway,
-                                                                     Action action,
+                                                                     Action&& action,
                                                                      Callsite callsite) {
     std::shared_ptr<detail::ScheduledActionBlock> block =
         detail::makeScheduledAction(std::move(action), callsite);
     std::shared_ptr<CancellationToken> token = detail::tokenOf(block);
+    const std::int64_t slack = std::max<std::int64_t>(0, leeway.nanosecondCount);
     std::optional<Core::Arming> arming = core_->state.syncWrite([&](Core::State& s) {
-        s.heap.push(deadline.ticks, std::max<std::int64_t>(0, leeway.nanosecondCount),
-                    std::move(block));
-        return Core::armingNeeded(s);
+        s.heap.push(deadline.ticks, slack, std::move(block));
+        // Only an action due before the armed timer needs the timer moved.
+        if (deadline.ticks >= s.armedDeadline) return std::optional<Core::Arming>();
+        s.armedDeadline = deadline.ticks;
+        return std::optional<Core::Arming>(Core::Arming{deadline.ticks, slack, ++s.armGeneration});
     });
     if (arming) Core::arm(core_, *arming);
     return token;

@@ -56,7 +56,7 @@ struct ScheduledAction {
 
 using ScheduledActionBlock = CancellationTokenWithPayload<ScheduledAction>;
 
-inline std::shared_ptr<ScheduledActionBlock> makeScheduledAction(UniqueFunction<void()> action,
+inline std::shared_ptr<ScheduledActionBlock> makeScheduledAction(UniqueFunction<void()>&& action,
                                                                  Callsite callsite) {
     return std::make_shared<ScheduledActionBlock>(callsite, std::move(action));
 }
@@ -127,7 +127,7 @@ class ScheduledActionHeap {
         sweepAt_ = std::max<std::size_t>(minimumSweepSize, items_.size() * 2);
     }
 
-    static constexpr std::size_t minimumSweepSize = 64;
+    static constexpr std::size_t minimumSweepSize = 8;
 
     std::vector<ScheduledItem> items_;
     std::uint64_t nextSequence_ = 0;

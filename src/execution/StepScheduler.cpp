@@ -36,7 +36,8 @@ MonotonicTimestamp StepScheduler::now() const noexcept {
 
 std::shared_ptr<CancellationToken> StepScheduler::scheduleAction(MonotonicTimestamp deadline,
                                                                  TimePeriod /*leeway*/,
-                                                                 Action action, Callsite callsite) {
+                                                                 Action&& action,
+                                                                 Callsite callsite) {
     std::shared_ptr<detail::ScheduledActionBlock> block =
         detail::makeScheduledAction(std::move(action), callsite);
     std::shared_ptr<CancellationToken> token = detail::tokenOf(block);

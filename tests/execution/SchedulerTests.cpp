@@ -161,7 +161,8 @@ TEST(DispatchScheduler, RunsOnItsLaneInDeadlineOrderAndSameDeadlinesInOrder) {
     auto cancelled =
         scheduler->scheduleAfter(ms(10), [&] { ran.syncWrite([](auto& r) { r.push_back(-1); }); });
     cancelled->cancel();
-    tokens.push_back(scheduler->schedule([&] { ran.syncWrite([](auto& r) { r.push_back(0); }); }));
+    tokens.push_back(
+        scheduler->scheduleAt(base, [&] { ran.syncWrite([](auto& r) { r.push_back(0); }); }));
     ASSERT_TRUE(testing::eventually([&] { return ran.peek().size() == 7; }));
     EXPECT_EQ(ran.peek(), (std::vector<int>{0, 1, 10, 11, 12, 13, 14}));
     EXPECT_TRUE(onLane.load());

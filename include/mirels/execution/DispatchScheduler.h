@@ -57,7 +57,7 @@ class MIRELS_EXPORT DispatchScheduler final : public Scheduler {
 
   protected:
     std::shared_ptr<CancellationToken> scheduleAction(MonotonicTimestamp deadline,
-                                                      TimePeriod leeway, Action action,
+                                                      TimePeriod leeway, Action&& action,
                                                       Callsite callsite) override;
 
   private:

@@ -61,7 +61,8 @@ class MIRELS_EXPORT Scheduler {
     /// `scheduleAfter` with no leeway.
     [[nodiscard]] std::shared_ptr<CancellationToken> scheduleAfter(
         TimePeriod delay, Action action, Callsite callsite = Callsite::current()) {
-        return scheduleAfter(delay, TimePeriod{}, std::move(action), callsite);
+        return scheduleAction(deadlineAfter(now(), delay), TimePeriod{}, std::move(action),
+                              callsite);
     }
 
     /// Runs `action` at `deadline` on this scheduler's clock (at once when it has passed),
@@ -89,8 +90,9 @@ class MIRELS_EXPORT Scheduler {
 
   protected:
     /// What every scheduling form comes down to; see the class contract.
+    /// The action is passed by reference so that it is moved once, into its final place.
     virtual std::shared_ptr<CancellationToken> scheduleAction(MonotonicTimestamp deadline,
-                                                              TimePeriod leeway, Action action,
+                                                              TimePeriod leeway, Action&& action,
                                                               Callsite callsite) = 0;
 };
 

@@ -64,7 +64,7 @@ class MIRELS_EXPORT StepScheduler final : public Scheduler {
 
   protected:
     std::shared_ptr<CancellationToken> scheduleAction(MonotonicTimestamp deadline,
-                                                      TimePeriod leeway, Action action,
+                                                      TimePeriod leeway, Action&& action,
                                                       Callsite callsite) override;
 
   private:
