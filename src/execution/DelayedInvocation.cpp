@@ -27,12 +27,12 @@ DelayedInvocation::DelayedInvocation(Key, TimePeriod delay, Mode mode, Execution
       state_(State{}) {}
 
 DelayedInvocation::~DelayedInvocation() {
-    // No other reference exists, so the state needs no lock; the armed action can no longer
-    // reach this object (it holds it weakly) and its token is due its one cancel.
+    // The armed action can no longer reach this object (it holds it weakly), so a pending run
+    // is dropped here; its token is due its one cancel.
     cancelToken(state_.syncWrite([](State& s) { return std::exchange(s.armed, nullptr); }));
 }
 
-void DelayedInvocation::cancelToken(std::shared_ptr<CancellationToken> token) {
+void DelayedInvocation::cancelToken(const std::shared_ptr<CancellationToken>& token) {
     if (token) token->cancel();
 }
 
@@ -89,7 +89,7 @@ void DelayedInvocation::scheduledActionFired(std::uint64_t period) {
         s.pending = false;
         return Outcome::run;
     });
-    cancelToken(std::move(spent));
+    cancelToken(spent);
     switch (outcome) {
         case Outcome::stale:
             return;
@@ -114,7 +114,7 @@ bool DelayedInvocation::cancel() {
         armed = std::exchange(s.armed, nullptr);
         return true;
     });
-    cancelToken(std::move(armed));
+    cancelToken(armed);
     return ended;
 }
 
@@ -126,7 +126,7 @@ bool DelayedInvocation::fireNow() {
         armed = std::exchange(s.armed, nullptr);
         return true;
     });
-    cancelToken(std::move(armed));
+    cancelToken(armed);
     if (ended) run();
     return ended;
 }

@@ -90,7 +90,7 @@ class MIRELS_EXPORT DelayedInvocation final
     void arm(std::uint64_t period, std::uint64_t deadline);
     void scheduledActionFired(std::uint64_t period);
     void run();
-    static void cancelToken(std::shared_ptr<CancellationToken> token);
+    static void cancelToken(const std::shared_ptr<CancellationToken>& token);
 
     const TimePeriod delay_;
     const TimePeriod leeway_;
