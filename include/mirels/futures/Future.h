@@ -40,6 +40,8 @@
 
 namespace mirels {
 
+class Scheduler;
+
 template <class T>
 class Future;
 template <class T>
@@ -943,6 +945,15 @@ class Future {
                               Callsite callsite = Callsite::current()) const;
     /// `timeout` with no leeway, failing with `TimeoutError::timedOut(after)`.
     Future<Result<T>> timeout(double after, Callsite callsite = Callsite::current()) const;
+    /// `timeout` timed by `scheduler` instead of the background queue's timer (a
+    /// `StepScheduler` lets a test time out without waiting).
+    Future<Result<T>> timeout(double after, TimePeriod leeway, TimeoutErrorMaker timeoutError,
+                              const std::shared_ptr<Scheduler>& scheduler,
+                              Callsite callsite = Callsite::current()) const;
+    /// `timeout` timed by `scheduler`, with no leeway, failing with
+    /// `TimeoutError::timedOut(after)`.
+    Future<Result<T>> timeout(double after, const std::shared_ptr<Scheduler>& scheduler,
+                              Callsite callsite = Callsite::current()) const;
 
     // --- coroutines ---
 
