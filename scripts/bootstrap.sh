@@ -7,8 +7,9 @@ packages=(
   # toolchain
   build-essential cmake ninja-build pkg-config git
   clang-16 libclang-rt-16-dev clang-format-16 clang-tidy-16
-  # test and benchmark frameworks (python3: the property-list test against its plistlib)
-  libgtest-dev libgmock-dev libbenchmark-dev python3
+  # test and benchmark frameworks (python3: the property-list test against its plistlib;
+  # patch and diffutils: the line-diff tests apply our unified diffs and compare with diff -u)
+  libgtest-dev libgmock-dev libbenchmark-dev python3 patch diffutils
   # runtime dependencies of the library
   libplist-dev libsystemd-dev libpcre2-dev libsimdjson-dev
   # peers measured side by side in bench/
@@ -16,6 +17,7 @@ packages=(
   libboost1.81-dev  # Boost.Process v1 (headers), beside bench_process
   libcli11-dev libcxxopts-dev
   librange-v3-dev nlohmann-json3-dev rapidjson-dev
+  libdtl-dev libgit2-dev libicu-dev  # line diffs and IDNA, beside bench_text
   # benchmark tools: instruction counts (callgrind) and system calls per operation
   valgrind strace
 )
