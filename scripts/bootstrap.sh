@@ -20,7 +20,8 @@ toolchain=(build-essential cmake ninja-build pkg-config git)
 # What the library itself links against (see CMakeLists.txt).
 runtime=(libplist-dev libsystemd-dev libpcre2-dev libsimdjson-dev)
 # GoogleTest/GMock; python3 runs the property-list interoperability test against its plistlib.
-test_only=(libgtest-dev libgmock-dev python3)
+# patch and diffutils: the line-diff tests apply our unified diffs and compare with diff -u.
+test_only=(libgtest-dev libgmock-dev python3 patch diffutils)
 # Google Benchmark, the peers in bench/, and instruction counts (callgrind) / system-call counts.
 bench_only=(
   libbenchmark-dev
@@ -28,6 +29,7 @@ bench_only=(
   libboost1.81-dev # Boost.Process v1 (headers), beside bench_process
   libcli11-dev libcxxopts-dev
   librange-v3-dev nlohmann-json3-dev rapidjson-dev
+  libdtl-dev libgit2-dev libicu-dev # line diffs and IDNA, beside bench_text
   valgrind strace
 )
 # API documentation (the `docs` build target).
