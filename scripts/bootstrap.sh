@@ -10,7 +10,7 @@ packages=(
   # test and benchmark frameworks (python3: the property-list test against its plistlib)
   libgtest-dev libgmock-dev libbenchmark-dev python3
   # runtime dependencies of the library
-  libplist-dev libsystemd-dev libpcre2-dev libsimdjson-dev
+  libplist-dev libsystemd-dev libpcre2-dev libsimdjson-dev libdw-dev
   # peers measured side by side in bench/
   libabsl-dev libasio-dev libboost-thread1.81-dev libsigc++-3.0-dev libtsl-ordered-map-dev
   libboost1.81-dev  # Boost.Process v1 (headers), beside bench_process
