@@ -376,6 +376,28 @@ class Tracer {
   public:
     explicit Tracer(pid_t pid) : pid_(pid) {}
 
+    /// Seizes the child, stopped just before it runs the program, continues it and follows it
+    /// to the start of the program. False when ptrace is refused (the child is continued).
+    bool attachAtLaunch() {
+        const auto options = PTRACE_O_EXITKILL | PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC;
+        const bool seized = ::ptrace(PTRACE_SEIZE, pid_, nullptr,
+                                     reinterpret_cast<void*>(static_cast<std::intptr_t>(  // NOLINT
+                                         options))) == 0;
+        ::kill(pid_, SIGCONT);
+        if (!seized) return false;
+        while (!execSeen_) {
+            siginfo_t info{};
+            if (::waitid(P_PID, static_cast<id_t>(pid_), &info,
+                         WEXITED | WSTOPPED | WNOWAIT | __WALL) < 0) {
+                if (errno == EINTR) continue;
+                break;
+            }
+            if (info.si_code != CLD_TRAPPED && info.si_code != CLD_STOPPED) break;  // it ended
+            handleStop(pid_);
+        }
+        return true;
+    }
+
     std::optional<Capture> run(int pidfd) {
         for (;;) {
             siginfo_t info{};
@@ -457,6 +479,7 @@ class Tracer {
             return;
         }
         if (event != 0) {
+            if (event == PTRACE_EVENT_EXEC) execSeen_ = true;
             if (event == PTRACE_EVENT_CLONE) {
                 unsigned long newThread = 0;
                 if (::ptrace(PTRACE_GETEVENTMSG, tid, nullptr, &newThread) == 0) {
@@ -482,6 +505,7 @@ class Tracer {
     }
 
     pid_t pid_;
+    bool execSeen_ = false;
     std::set<pid_t> threads_;
     std::optional<Capture> capture_;
 };
@@ -531,8 +555,20 @@ SupervisedProcess CrashReporter::launch(std::shared_ptr<ChildProcess> child) con
     auto self = std::make_shared<CrashReporter>(configuration_);
     std::thread([shared, child, self, destination, pipe] {
         ::pthread_setname_np(::pthread_self(), "mirels.crash-tr");
+        // The child stops just before it runs the program: it is seized there, so that even a
+        // crash in its first instructions is seen.
+        std::optional<Tracer> tracer;
+        bool traced = false;
+        if (self->configuration().trace) {
+            child->setStoppedLaunchHandler([&](pid_t pid) {
+                tracer.emplace(pid);
+                traced = tracer->attachAtLaunch();
+            });
+        }
         std::optional<Error> launchError;
-        if (!child->launchAndReturnError(&launchError)) {
+        const bool launched = child->launchAndReturnError(&launchError);
+        child->setStoppedLaunchHandler(nullptr);
+        if (!launched) {
             pipe->fileHandleForReading()->closeFile();
             std::lock_guard lock(shared->mutex);
             shared->launchError = std::move(launchError);
@@ -541,20 +577,19 @@ SupervisedProcess CrashReporter::launch(std::shared_ptr<ChildProcess> child) con
             return;
         }
         const pid_t pid = child->processIdentifier();
-        const bool traced = self->configuration().trace &&
-                            ::ptrace(PTRACE_SEIZE, pid, nullptr,
-                                     reinterpret_cast<void*>(static_cast<std::intptr_t>(  // NOLINT
-                                         PTRACE_O_EXITKILL | PTRACE_O_TRACECLONE))) == 0;
         // Our own copy of the process descriptor: the child's closes when it is reaped.
         const int pidfd = traced ? ::fcntl(child->processFileDescriptor(), F_DUPFD_CLOEXEC, 0) : -1;
-        if (traced && pidfd < 0) ::ptrace(PTRACE_DETACH, pid, nullptr, nullptr);
+        if (traced && pidfd < 0) {
+            ::ptrace(PTRACE_DETACH, pid, nullptr, nullptr);
+            traced = false;
+        }
         {
             std::lock_guard lock(shared->mutex);
             shared->launched = true;
             shared->changed.notify_all();
         }
         std::optional<Capture> capture;
-        if (traced && pidfd >= 0) capture = Tracer(pid).run(pidfd);
+        if (traced) capture = tracer->run(pidfd);
         if (pidfd >= 0) ::close(pidfd);
 
         child->waitUntilExit();

@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <csignal>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <thread>
 
@@ -261,6 +263,46 @@ TEST(CrashReporterTest, WritesNeverCollideAndFailuresNameThePath) {
         EXPECT_NE(error.additionalInfo()->find((directory / "file" / "reports").string()),
                   std::string::npos);
     }
+}
+
+// The launch hook the reporter attaches with: the child waits, stopped, with its streams,
+// directory and environment already set up, and a program that cannot run still fails the launch.
+TEST(CrashReporterTest, StoppedLaunchHandlerSeesTheChildStoppedBeforeItRuns) {
+    TemporaryDirectory directory("mirels-reporter");
+    auto process = ChildProcess::create();
+    process->setExecutableURL("/bin/sh");
+    process->setArguments({"-c", "pwd; echo \"$GREETING\"; echo oops >&2; exit 4"});
+    process->setEnvironment(ChildProcess::Environment{{"GREETING", "hello"}});
+    process->setCurrentDirectoryURL(directory.path().string());
+    auto output = Pipe::create();
+    process->setStandardOutput(ProcessStandardStream::pipe(output));
+    process->setStandardError(ProcessStandardStream::nullDevice());
+    char state = '?';
+    pid_t seen = 0;
+    process->setStoppedLaunchHandler([&](pid_t pid) {
+        seen = pid;
+        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+        std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+        state = text.at(text.rfind(')') + 2);
+        ::kill(pid, SIGCONT);
+    });
+    process->launch();
+    EXPECT_EQ(seen, process->processIdentifier());
+    EXPECT_EQ(state, 'T') << "stopped while the handler runs";
+    EXPECT_EQ(output->fileHandleForReading()->readDataToEndOfFile(),
+              std::filesystem::canonical(directory.path()).string() + "\nhello\n");
+    process->waitUntilExit();
+    EXPECT_EQ(process->terminationStatus(), 4);
+
+    auto missing = ChildProcess::create();
+    missing->setExecutableURL("/nonexistent/program");
+    missing->setStoppedLaunchHandler([](pid_t pid) { ::kill(pid, SIGCONT); });
+    std::optional<Error> error;
+    EXPECT_FALSE(missing->launchAndReturnError(&error));
+    ASSERT_TRUE(error);
+    const auto* failure = error->as<ProcessError>();
+    ASSERT_NE(failure, nullptr);
+    EXPECT_EQ(failure->systemErrorNumber(), ENOENT);
 }
 
 }  // namespace
