@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Installs every Debian package that building, testing and benchmarking MirelsFoundation needs.
 # Idempotent: refreshes the package index once, then installs only what is missing.
+# With --run, only what building the library, its tool and its examples needs (scripts/run.sh).
 set -euo pipefail
+
+runtime=(libplist-dev libsystemd-dev libpcre2-dev libsimdjson-dev libdw-dev)
 
 packages=(
   # toolchain
@@ -10,7 +13,7 @@ packages=(
   # test and benchmark frameworks (python3: the property-list test against its plistlib)
   libgtest-dev libgmock-dev libbenchmark-dev python3
   # runtime dependencies of the library
-  libplist-dev libsystemd-dev libpcre2-dev libsimdjson-dev libdw-dev
+  "${runtime[@]}"
   # peers measured side by side in bench/
   libabsl-dev libasio-dev libboost-thread1.81-dev libsigc++-3.0-dev libtsl-ordered-map-dev
   libboost1.81-dev  # Boost.Process v1 (headers), beside bench_process
@@ -19,6 +22,10 @@ packages=(
   # benchmark tools: instruction counts (callgrind) and system calls per operation
   valgrind strace
 )
+
+if [ "${1:-}" = "--run" ]; then
+  packages=(build-essential cmake ninja-build pkg-config "${runtime[@]}")
+fi
 
 missing=()
 for p in "${packages[@]}"; do
