@@ -52,6 +52,7 @@
 #include "mirels/crash/CrashError.h"
 #include "mirels/crash/CrashReport.h"
 #include "mirels/crash/CrashReportListener.h"
+#include "mirels/crash/CrashReporter.h"
 #include "mirels/errors/ConditionInFileError.h"
 #include "mirels/errors/CrashReportError.h"
 #include "mirels/errors/DiagnosticsCollector.h"

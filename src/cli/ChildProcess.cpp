@@ -546,7 +546,8 @@ int spawnStopped(const std::string& path, char* const* argv, char* const* envp,
         ::syscall(SYS_close_range, static_cast<unsigned>(report[1] + 1), ~0U, 0U);
         sigset_t noSignal;
         sigemptyset(&noSignal);
-        ::sigprocmask(SIG_SETMASK, &noSignal, nullptr);
+        // The child has one thread: the process-wide mask is its own.
+        ::sigprocmask(SIG_SETMASK, &noSignal, nullptr);  // NOLINT(concurrency-mt-unsafe)
         ::kill(::getpid(), SIGSTOP);
         ::execve(path.c_str(), argv, envp);
         fail(errno);

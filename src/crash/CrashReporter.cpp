@@ -645,7 +645,7 @@ SupervisedProcess CrashReporter::launch(std::shared_ptr<ChildProcess> child) con
 
     std::unique_lock lock(shared->mutex);
     shared->changed.wait(lock, [&] { return shared->launched; });
-    if (shared->launchError) shared->launchError->rethrow();
+    if (const auto& error = shared->launchError) error->rethrow();
     return SupervisedProcess(std::move(child), std::move(shared));
 }
 

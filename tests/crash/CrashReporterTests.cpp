@@ -56,6 +56,14 @@ mode_t modeOf(const std::filesystem::path& path) {
     return info.st_mode & 07777;
 }
 
+/// The state letter of /proc/<pid>/stat ('t': stopped while traced).
+char processState(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    const std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    const auto close = text.rfind(')');
+    return close == std::string::npos || close + 2 >= text.size() ? '?' : text[close + 2];
+}
+
 bool hasFrame(const CrashReport& report, std::string_view symbolPrefix) {
     return std::any_of(report.frames().begin(), report.frames().end(), [&](const auto& frame) {
         return frame.symbol && frame.symbol->find(symbolPrefix) != std::string::npos;
@@ -173,7 +181,13 @@ TEST(CrashReporterTest, ProgramsThatDoNotCrashPassThroughWithoutAReport) {
     // A stopped child stays stopped until continued, as without tracing.
     auto stopping = child({"stop"});
     auto supervised = reporter->launch(stopping);
-    EXPECT_FALSE(supervised.waitUntilDone(200ms));
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (processState(stopping->processIdentifier()) != 't' &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(5ms);
+    }
+    ASSERT_EQ(processState(stopping->processIdentifier()), 't') << "stopped, and traced";
+    EXPECT_FALSE(supervised.waitUntilDone(100ms));
     ASSERT_TRUE(stopping->sendSignal(SIGCONT));
     const auto continued = supervised.waitUntilDone(10s);
     ASSERT_TRUE(continued);

@@ -27,16 +27,24 @@ extern "C" const char* __tsan_default_options() {  // NOLINT
     return "handle_segv=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0:handle_abort=0";
 }
 
+// A function that stays a function of its own (one frame per call), whatever the optimiser would
+// like to do.
+#if defined(__clang__)
+#define KEEP_FRAME __attribute__((noinline, optnone))
+#else
+#define KEEP_FRAME __attribute__((noipa))
+#endif
+
 namespace {
 
 volatile int* volatile nowhere = nullptr;
 
-__attribute__((noipa)) void crashAtTheBottom() {
+KEEP_FRAME void crashAtTheBottom() {
     *nowhere = 1;
 }
 
 // Kept as real recursion (one frame per level) whatever the optimiser would like to do.
-__attribute__((noipa)) int descend(int depth) {
+KEEP_FRAME int descend(int depth) {
     if (depth <= 1) {
         crashAtTheBottom();
         return 0;
@@ -46,7 +54,7 @@ __attribute__((noipa)) int descend(int depth) {
     return below + 1;
 }
 
-__attribute__((noipa)) void crashOnWorkerThread() {
+KEEP_FRAME void crashOnWorkerThread() {
     *nowhere = 2;
 }
 
