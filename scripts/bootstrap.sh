@@ -18,7 +18,7 @@ set -euo pipefail
 # Toolchain for the default (GCC) build.
 toolchain=(build-essential cmake ninja-build pkg-config git)
 # What the library itself links against (see CMakeLists.txt).
-runtime=(libplist-dev libsystemd-dev libpcre2-dev libsimdjson-dev)
+runtime=(libplist-dev libsystemd-dev libpcre2-dev libsimdjson-dev libdw-dev)
 # GoogleTest/GMock; python3 runs the property-list interoperability test against its plistlib.
 # patch and diffutils: the line-diff tests apply our unified diffs and compare with diff -u.
 test_only=(libgtest-dev libgmock-dev python3 patch diffutils)

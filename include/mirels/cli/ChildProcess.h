@@ -244,6 +244,7 @@ struct MIRELS_EXPORT ChildProcessState {
     ProcessStandardStream error;
     QualityOfService qos = QualityOfService::standard;
     std::function<void(ChildProcess&)> handler;
+    std::function<void(pid_t)> stoppedLaunchHandler;
     ChildProcessPhase phase = ChildProcessPhase::configuring;
     int pidfd = -1;
     int suspendCount = 0;
@@ -308,6 +309,18 @@ class MIRELS_EXPORT ChildProcess final : public std::enable_shared_from_this<Chi
     TerminationHandler terminationHandler() const;
     /// Replaces the handler. One set after the child has ended is never called.
     void setTerminationHandler(TerminationHandler handler);
+
+    /// Called with the child's pid on the launching thread, during the launch, while the child
+    /// is stopped (SIGSTOP) with everything set up, just before it runs the program: the moment
+    /// to attach a tracer that must see the program from its first instruction. When the
+    /// handler returns, the child must be on its way to the program: the handler continues it
+    /// (SIGCONT) and, if it traces the child, lets it through every stop up to the program's
+    /// start. The launch then waits for the program to start and reports a failure to run it as
+    /// usual. With a handler, the child is started with fork instead of posix_spawn (slower for
+    /// a large parent); the streams, environment, directory, signals and scheduling it gets are
+    /// the same.
+    using StoppedLaunchHandler = std::function<void(pid_t)>;
+    void setStoppedLaunchHandler(StoppedLaunchHandler handler);
 
     // --- launching ---
 
