@@ -52,7 +52,8 @@ int runChildMode(int argc, char** argv) {
     if (mode == "spin") {
         // About a second of arithmetic, the same amount every time.
         volatile std::uint64_t value = 1;
-        for (std::uint64_t i = 0; i < 700'000'000ULL; ++i) value = value * 6364136223846793005ULL + 1;
+        for (std::uint64_t i = 0; i < 700'000'000ULL; ++i)
+            value = value * 6364136223846793005ULL + 1;
         return 0;
     }
     if (mode == "deep") return descend(argc > 3 ? std::atoi(argv[3]) : 50);
@@ -117,20 +118,21 @@ int main(int argc, char** argv) {
                 median(plainSpin), median(reportedSpin), median(reportedSpin) / median(plainSpin));
 
     for (const std::string& program : {std::string("/bin/true"), self}) {
-        const std::vector<std::string> arguments =
-            program == self ? std::vector<std::string>{"--child", "exit"}
-                            : std::vector<std::string>{};
+        const std::vector<std::string> arguments = program == self
+                                                       ? std::vector<std::string>{"--child", "exit"}
+                                                       : std::vector<std::string>{};
         std::vector<double> plain;
         std::vector<double> reported;
         for (int round = 0; round < 3; ++round) {
             plain.push_back(timeRuns(program, arguments, launches, nullptr));
             reported.push_back(timeRuns(program, arguments, launches, reporter));
         }
-        std::printf("%d launches of %s: plain %.3f s (%.0f us each), under the reporter %.3f s "
-                    "(%.0f us each): %.3fx\n",
-                    launches, std::filesystem::path(program).filename().c_str(), median(plain),
-                    median(plain) / launches * 1e6, median(reported),
-                    median(reported) / launches * 1e6, median(reported) / median(plain));
+        std::printf(
+            "%d launches of %s: plain %.3f s (%.0f us each), under the reporter %.3f s "
+            "(%.0f us each): %.3fx\n",
+            launches, std::filesystem::path(program).filename().c_str(), median(plain),
+            median(plain) / launches * 1e6, median(reported), median(reported) / launches * 1e6,
+            median(reported) / median(plain));
     }
 
     std::vector<double> total;
@@ -149,10 +151,11 @@ int main(int argc, char** argv) {
         if (outcome.reportPath) std::filesystem::remove(*outcome.reportPath);
     }
     const auto size = std::filesystem::file_size(self);
-    std::printf("fatal signal to report on disk, %zu frames, program of %.1f MB: median %.2f ms "
-                "(unwinding and symbolising %.2f ms, %.0f%%), worst %.2f ms\n",
-                frames, static_cast<double>(size) / 1e6, median(total), median(unwind),
-                100.0 * median(unwind) / median(total), *std::max_element(total.begin(), total.end()));
+    std::printf(
+        "fatal signal to report on disk, %zu frames, program of %.1f MB: median %.2f ms "
+        "(unwinding and symbolising %.2f ms, %.0f%%), worst %.2f ms\n",
+        frames, static_cast<double>(size) / 1e6, median(total), median(unwind),
+        100.0 * median(unwind) / median(total), *std::max_element(total.begin(), total.end()));
     std::error_code ignored;
     std::filesystem::remove_all(folder, ignored);
     return 0;

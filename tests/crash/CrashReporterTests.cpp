@@ -12,7 +12,7 @@
 #include "mirels/crash/CrashError.h"
 #include "mirels/crash/CrashReportListener.h"
 #include "mirels/crash/CrashReporter.h"
-#include "mirels/errors/LinuxCrashTextErrors.h"
+#include "mirels/crash/LinuxCrashTextErrors.h"
 #include "support/TemporaryDirectory.h"
 
 namespace mirels {
@@ -59,7 +59,8 @@ mode_t modeOf(const std::filesystem::path& path) {
 /// The state letter of /proc/<pid>/stat ('t': stopped while traced).
 char processState(pid_t pid) {
     std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    const std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    const std::string text((std::istreambuf_iterator<char>(stat)),
+                           std::istreambuf_iterator<char>());
     const auto close = text.rfind(')');
     return close == std::string::npos || close + 2 >= text.size() ? '?' : text[close + 2];
 }

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "mirels/crash/CrashReport.h"
-#include "mirels/errors/CrashReportError.h"
+#include "mirels/crash/CrashReportError.h"
 #include "mirels/plist/SafeDecodable.h"
 
 namespace mirels {

@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
+#include "mirels/core/UUID.h"
 #include "mirels/plist/Json.h"
 #include "mirels/plist/PropertyListError.h"
 #include "mirels/plist/SafeDecodable.h"
-#include "mirels/plist/UUID.h"
 
 namespace mirels {
 namespace {

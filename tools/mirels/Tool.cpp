@@ -6,9 +6,9 @@
 #include <cstdlib>
 
 #include "mirels/crash/CrashError.h"
+#include "mirels/crash/CrashReportError.h"
 #include "mirels/crash/CrashReporter.h"
-#include "mirels/errors/CrashReportError.h"
-#include "mirels/errors/LinuxCrashTextErrors.h"
+#include "mirels/crash/LinuxCrashTextErrors.h"
 
 namespace mirels::tool {
 

@@ -50,6 +50,7 @@
 #include "mirels/errors/Issue.h"
 #include "mirels/plist/Json.h"
 #include "mirels/plist/PropertyList.h"
+#include "mirels/plist/UUIDPropertyList.h"
 
 namespace mirels {
 
