@@ -179,7 +179,7 @@ std::filesystem::path DiagnosticsCollector::writeSummary(
     }
 
     const std::string text = summaryText();
-    const std::filesystem::path file = folder / summaryFileName;
+    std::filesystem::path file = folder / summaryFileName;
     std::string temporary = (folder / (std::string(summaryFileName) + ".XXXXXX")).string();
     const int descriptor = ::mkostemp(temporary.data(), O_CLOEXEC);
     if (descriptor < 0) {

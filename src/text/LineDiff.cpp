@@ -95,7 +95,7 @@ class MiddleSnakeSearch {
             costLimit_ = static_cast<Index>(options.costLimit);
         } else {
             // About the square root of the input size, and never below 4096.
-            const int bits = std::bit_width(static_cast<std::uint64_t>(total));
+            const auto bits = static_cast<int>(std::bit_width(static_cast<std::uint64_t>(total)));
             costLimit_ = std::max<Index>(4096, Index{1} << ((bits + 1) / 2));
         }
     }
