@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "mirels/errors/HumanReadableConversion.h"
+#include "mirels/errors/HumanReadableErrorOptionsPropertyList.h"
 #include "mirels/errors/PlatformError.h"
 #include "mirels/platform/Log.h"
 #include "mirels/plist/GeometryPropertyList.h"
