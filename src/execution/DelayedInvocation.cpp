@@ -106,7 +106,7 @@ void DelayedInvocation::run() {
     lane_.execute([self = shared_from_this()] { self->action_(); });
 }
 
-bool DelayedInvocation::cancel() {
+bool DelayedInvocation::endPendingPeriod() {
     std::shared_ptr<CancellationToken> armed;
     const bool ended = state_.syncWrite([&](State& s) {
         if (!s.pending) return false;
@@ -118,15 +118,12 @@ bool DelayedInvocation::cancel() {
     return ended;
 }
 
+bool DelayedInvocation::cancel() {
+    return endPendingPeriod();
+}
+
 bool DelayedInvocation::fireNow() {
-    std::shared_ptr<CancellationToken> armed;
-    const bool ended = state_.syncWrite([&](State& s) {
-        if (!s.pending) return false;
-        s.pending = false;
-        armed = std::exchange(s.armed, nullptr);
-        return true;
-    });
-    cancelToken(armed);
+    const bool ended = endPendingPeriod();
     if (ended) run();
     return ended;
 }

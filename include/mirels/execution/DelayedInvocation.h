@@ -90,6 +90,8 @@ class MIRELS_EXPORT DelayedInvocation final
     void arm(std::uint64_t period, std::uint64_t deadline);
     void scheduledActionFired(std::uint64_t period);
     void run();
+    // Ends the pending period, if any, and cancels its armed scheduler token; true when it did.
+    bool endPendingPeriod();
     static void cancelToken(const std::shared_ptr<CancellationToken>& token);
 
     const TimePeriod delay_;
