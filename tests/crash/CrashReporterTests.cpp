@@ -14,6 +14,7 @@
 #include "mirels/crash/CrashReporter.h"
 #include "mirels/crash/LinuxCrashTextErrors.h"
 #include "support/TemporaryDirectory.h"
+#include "support/TestEnvironment.h"
 
 namespace mirels {
 namespace {
@@ -25,6 +26,7 @@ const std::string childPath = std::string(MIRELS_TEST_PROGRAM_DIR) + "/crash_rep
 
 std::shared_ptr<ChildProcess> child(std::vector<std::string> arguments,
                                     const std::string& path = childPath) {
+    testing::disableLeakCheckingInChildren();
     auto process = ChildProcess::create();
     process->setExecutableURL(path);
     process->setArguments(std::move(arguments));

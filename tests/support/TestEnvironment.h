@@ -20,4 +20,16 @@ class MirelsEnvironment : public ::testing::Environment {
     }
 };
 
+/// For tests that run children under ptrace (the crash reporter): a sanitizer build's leak
+/// checker stops the world with ptrace at exit, which a process that is already traced cannot
+/// do, so it fails and the child's exit status is lost. Leak checking stays on in this process.
+inline void disableLeakCheckingInChildren() {
+    const char* current = getenv("ASAN_OPTIONS");
+    std::string options = current == nullptr ? "" : current;
+    if (options.find("detect_leaks=0") != std::string::npos) return;
+    if (!options.empty()) options += ':';
+    options += "detect_leaks=0";
+    setenv("ASAN_OPTIONS", options.c_str(), 1);
+}
+
 }  // namespace mirels::testing

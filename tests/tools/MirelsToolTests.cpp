@@ -18,6 +18,7 @@
 #include "mirels/plist/PlistSerialization.h"
 #include "mirels/plist/PropertyListError.h"
 #include "support/TemporaryDirectory.h"
+#include "support/TestEnvironment.h"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration)
 
@@ -136,6 +137,7 @@ class MirelsToolTest : public ::testing::Test {
   protected:
     void SetUp() override {
         if (toolPath.empty()) GTEST_SKIP() << "built without the mirels tool (MIRELS_BUILD_TOOLS)";
+        testing::disableLeakCheckingInChildren();
     }
 };
 

@@ -109,6 +109,9 @@ class MIRELS_EXPORT SupervisedProcess {
 /// stays with it until it ends. A child that crashes before it is seized, or a system that
 /// refuses ptrace, still gets a report, without frames or images. Group stops (SIGSTOP, SIGTSTP)
 /// and every other signal behave as without tracing. Threads the child starts are traced too.
+/// A traced child cannot itself use ptrace: a debugger, or a sanitizer's leak checker (which
+/// stops the process's threads with ptrace at exit and fails) will not work in it; run such a
+/// program with `trace` off or with its leak checking off ("ASAN_OPTIONS=detect_leaks=0").
 ///
 /// Reports are written atomically: a hidden temporary file (mode 0600) in the folder, synced,
 /// renamed to "<name>-<UTC date and time>-<pid>.json" (a number is added when that name is taken;
