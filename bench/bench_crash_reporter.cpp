@@ -6,6 +6,7 @@
 //
 // The children are this program itself, started with "--child spin|deep|exit".
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -82,9 +83,28 @@ double median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
-/// Seconds for `count` runs of the program, plain or under `reporter`.
-double timeRuns(const std::string& path, const std::vector<std::string>& arguments, int count,
+/// Processor seconds used so far by this process and its reaped children: on a loaded machine
+/// this moves far less than wall time.
+double processorSeconds() {
+    double total = 0;
+    for (const int who : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
+        rusage usage{};
+        ::getrusage(who, &usage);
+        total += static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                 static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    }
+    return total;
+}
+
+struct Timing {
+    double wall = 0;
+    double processor = 0;
+};
+
+/// Wall and processor seconds for `count` runs of the program, plain or under `reporter`.
+Timing timeRuns(const std::string& path, const std::vector<std::string>& arguments, int count,
                 const std::shared_ptr<mirels::CrashReporter>& reporter) {
+    const double processorStart = processorSeconds();
     const auto start = Clock::now();
     for (int i = 0; i < count; ++i) {
         auto child = makeChild(path, arguments);
@@ -95,7 +115,7 @@ double timeRuns(const std::string& path, const std::vector<std::string>& argumen
             child->waitUntilExit();
         }
     }
-    return seconds(Clock::now() - start);
+    return {seconds(Clock::now() - start), processorSeconds() - processorStart};
 }
 
 }  // namespace
@@ -108,31 +128,38 @@ int main(int argc, char** argv) {
     const auto folder = std::filesystem::temp_directory_path() / "mirels-bench-crash-reports";
     auto reporter = mirels::CrashReporter::create(folder);
 
-    std::vector<double> plainSpin;
-    std::vector<double> reportedSpin;
-    for (int round = 0; round < 3; ++round) {
-        plainSpin.push_back(timeRuns(self, {"--child", "spin"}, 1, nullptr));
-        reportedSpin.push_back(timeRuns(self, {"--child", "spin"}, 1, reporter));
-    }
-    std::printf("1-second CPU-bound run: plain %.3f s, under the reporter %.3f s: %.3fx\n",
-                median(plainSpin), median(reportedSpin), median(reportedSpin) / median(plainSpin));
+    // Medians of three rounds, wall and processor time.
+    auto compare = [&](const char* what, const std::string& program,
+                       const std::vector<std::string>& arguments, int count) {
+        std::vector<double> plain;
+        std::vector<double> reported;
+        std::vector<double> plainProcessor;
+        std::vector<double> reportedProcessor;
+        for (int round = 0; round < 3; ++round) {
+            const Timing a = timeRuns(program, arguments, count, nullptr);
+            const Timing b = timeRuns(program, arguments, count, reporter);
+            plain.push_back(a.wall);
+            reported.push_back(b.wall);
+            plainProcessor.push_back(a.processor);
+            reportedProcessor.push_back(b.processor);
+        }
+        std::printf(
+            "%s: wall plain %.3f s (%.0f us each), under the reporter %.3f s (%.0f us each): "
+            "%.3fx; processor %.3f s against %.3f s: %.3fx\n",
+            what, median(plain), median(plain) / count * 1e6, median(reported),
+            median(reported) / count * 1e6, median(reported) / median(plain),
+            median(plainProcessor), median(reportedProcessor),
+            median(reportedProcessor) / median(plainProcessor));
+    };
+    compare("1-second CPU-bound run", self, {"--child", "spin"}, 1);
 
     for (const std::string& program : {std::string("/bin/true"), self}) {
         const std::vector<std::string> arguments = program == self
                                                        ? std::vector<std::string>{"--child", "exit"}
                                                        : std::vector<std::string>{};
-        std::vector<double> plain;
-        std::vector<double> reported;
-        for (int round = 0; round < 3; ++round) {
-            plain.push_back(timeRuns(program, arguments, launches, nullptr));
-            reported.push_back(timeRuns(program, arguments, launches, reporter));
-        }
-        std::printf(
-            "%d launches of %s: plain %.3f s (%.0f us each), under the reporter %.3f s "
-            "(%.0f us each): %.3fx\n",
-            launches, std::filesystem::path(program).filename().c_str(), median(plain),
-            median(plain) / launches * 1e6, median(reported), median(reported) / launches * 1e6,
-            median(reported) / median(plain));
+        const std::string what = std::to_string(launches) + " launches of " +
+                                 std::filesystem::path(program).filename().string();
+        compare(what.c_str(), program, arguments, launches);
     }
 
     std::vector<double> total;

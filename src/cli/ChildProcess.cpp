@@ -12,7 +12,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 #include "ProcessIOLoop.h"
@@ -494,71 +496,131 @@ int forkedStreamSource(const ProcessStandardStream& stream, int number) {
     return -1;
 }
 
-/// Starts the child with fork, stopped (SIGSTOP) right before it runs the program, calls
-/// `handler` with its pid, then waits until the program runs (or failed to). The child does only
-/// async-signal-safe work. Returns 0 or the error number of the failure.
+/// What a child started by `spawnStopped` needs, prepared before it exists: the child shares
+/// this process's memory until it runs the program, so it reads this and allocates nothing.
+struct StoppedChildSetup {
+    const char* path;
+    char* const* argv;
+    char* const* envp;
+    int sources[3];
+    const char* directory;
+    QualityOfService qos;
+    int reportDescriptor;
+};
+
+/// The child's side of `spawnStopped`. It runs in a vfork child on the spawning thread's stack,
+/// with every signal blocked: only system calls, no allocation, no return. Signal dispositions
+/// change through the raw system call so that no library wrapper (a sanitizer's included)
+/// records the change in the memory it shares with the parent.
+[[noreturn]] void runStoppedChild(const StoppedChildSetup& setup) {
+    const int report = setup.reportDescriptor;
+    auto fail = [&](int number) {
+        (void)!::write(report, &number, sizeof number);
+        ::_exit(127);
+    };
+    // First the pid, so that the launching thread can wait for the stop below.
+    const auto self = static_cast<pid_t>(::syscall(SYS_getpid));
+    if (::write(report, &self, sizeof self) != sizeof self) ::_exit(127);
+    // The kernel's sigaction: handler, flags, restorer, mask.
+    struct KernelSignalAction {
+        void (*handler)(int);
+        unsigned long flags;
+        void (*restorer)();
+        std::uint64_t mask;
+    } defaultAction{SIG_DFL, 0, nullptr, 0};
+    for (int signal = 1; signal < NSIG; ++signal) {
+        if (signal == SIGKILL || signal == SIGSTOP) continue;
+        ::syscall(SYS_rt_sigaction, signal, &defaultAction, nullptr, sizeof(std::uint64_t));
+    }
+    for (int i = 0; i < 3; ++i) {
+        int source = setup.sources[i];
+        if (source == -2) source = ::open("/dev/null", i == 0 ? O_RDONLY : O_WRONLY);
+        if (source == -1) continue;
+        if (source < 0) fail(errno);
+        if (source == i) {
+            ::fcntl(i, F_SETFD, 0);
+        } else if (::dup2(source, i) < 0) {
+            fail(errno);
+        }
+    }
+    if (setup.directory != nullptr && ::chdir(setup.directory) != 0) fail(errno);
+    if (setup.qos == QualityOfService::utility || setup.qos == QualityOfService::background) {
+        sched_param parameters{};
+        ::sched_setscheduler(0, setup.qos == QualityOfService::utility ? SCHED_BATCH : SCHED_IDLE,
+                             &parameters);
+    }
+    // Only the three standard streams and the report pipe (closed by exec) stay open.
+    if (report > 3) ::syscall(SYS_close_range, 3U, static_cast<unsigned>(report - 1), 0U);
+    ::syscall(SYS_close_range, static_cast<unsigned>(report + 1), ~0U, 0U);
+    const std::uint64_t noSignal = 0;
+    ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &noSignal, nullptr, sizeof noSignal);
+    ::syscall(SYS_kill, self, SIGSTOP);
+    ::execve(setup.path, setup.argv, setup.envp);
+    fail(errno);
+    ::_exit(127);  // not reached: `fail` exits
+}
+
+/// Reads exactly one int from `descriptor`: false at the end of the file.
+bool readNumber(int descriptor, int& number) {
+    ssize_t length = 0;
+    while ((length = ::read(descriptor, &number, sizeof number)) < 0 && errno == EINTR) {
+    }
+    return length == static_cast<ssize_t>(sizeof number);
+}
+
+/// Starts the child stopped (SIGSTOP) right before it runs the program, calls `handler` with its
+/// pid on this thread, then waits until the program runs (or failed to). Returns 0 or the error
+/// number of the failure.
+///
+/// The child is a vfork child of a short-lived spawning thread: it shares this process's memory
+/// until it runs the program, so the launch costs the same whatever the size of this process (a
+/// fork would copy its page tables and fault on every page either side writes afterwards). vfork
+/// suspends only the spawning thread, so this thread is free to attach to the stopped child.
 int spawnStopped(const std::string& path, char* const* argv, char* const* envp,
                  const ProcessStandardStream (&streams)[3],
                  const std::optional<std::string>& directory, QualityOfService qos,
                  const std::function<void(pid_t)>& handler, pid_t& pid) {
-    int sources[3];
+    StoppedChildSetup setup{path.c_str(), argv, envp, {}, directory ? directory->c_str() : nullptr,
+                            qos,          -1};
     for (int i = 0; i < 3; ++i) {
-        sources[i] = forkedStreamSource(streams[i], i);
-        if (sources[i] == -1 && streams[i].kind() != ProcessStandardStream::Kind::inherit) {
+        setup.sources[i] = forkedStreamSource(streams[i], i);
+        if (setup.sources[i] == -1 && streams[i].kind() != ProcessStandardStream::Kind::inherit) {
             return EBADF;
         }
     }
     int report[2];
     if (::pipe2(report, O_CLOEXEC) != 0) return errno;
-    // No handler of this process may run in the child before its dispositions are reset.
-    sigset_t everySignal;
-    sigset_t previous;
-    sigfillset(&everySignal);
-    ::pthread_sigmask(SIG_SETMASK, &everySignal, &previous);
-    pid = ::fork();
-    if (pid == 0) {
-        struct sigaction defaultAction {};
-        defaultAction.sa_handler = SIG_DFL;
-        for (int signal = 1; signal < NSIG; ++signal) ::sigaction(signal, &defaultAction, nullptr);
-        auto fail = [&](int number) {
-            (void)!::write(report[1], &number, sizeof number);
-            ::_exit(127);
-        };
-        for (int i = 0; i < 3; ++i) {
-            int source = sources[i];
-            if (source == -2) source = ::open("/dev/null", i == 0 ? O_RDONLY : O_WRONLY);
-            if (source == -1) continue;
-            if (source < 0) fail(errno);
-            if (source == i) {
-                ::fcntl(i, F_SETFD, 0);
-            } else if (::dup2(source, i) < 0) {
-                fail(errno);
-            }
-        }
-        if (directory && ::chdir(directory->c_str()) != 0) fail(errno);
-        if (qos == QualityOfService::utility || qos == QualityOfService::background) {
-            sched_param parameters{};
-            ::sched_setscheduler(0, qos == QualityOfService::utility ? SCHED_BATCH : SCHED_IDLE,
-                                 &parameters);
-        }
-        // Only the three standard streams and the report pipe (closed by exec) stay open.
-        if (report[1] > 3) ::syscall(SYS_close_range, 3U, static_cast<unsigned>(report[1] - 1), 0U);
-        ::syscall(SYS_close_range, static_cast<unsigned>(report[1] + 1), ~0U, 0U);
-        sigset_t noSignal;
-        sigemptyset(&noSignal);
-        // The child has one thread: the process-wide mask is its own.
-        ::sigprocmask(SIG_SETMASK, &noSignal, nullptr);  // NOLINT(concurrency-mt-unsafe)
-        ::kill(::getpid(), SIGSTOP);
-        ::execve(path.c_str(), argv, envp);
-        fail(errno);
-    }
-    const int forkError = pid < 0 ? errno : 0;
-    ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    ::close(report[1]);
-    if (pid < 0) {
+    setup.reportDescriptor = report[1];
+
+    int spawnError = 0;
+    std::thread spawner;
+    try {
+        spawner = std::thread([&setup, &spawnError, writeEnd = report[1]] {
+            // No handler of this process may run in the child before its dispositions are reset.
+            sigset_t everySignal;
+            sigfillset(&everySignal);
+            ::pthread_sigmask(SIG_SETMASK, &everySignal, nullptr);
+            const pid_t child = ::vfork();
+            if (child == 0) runStoppedChild(setup);
+            if (child < 0) spawnError = errno;
+            // Back here once the child runs the program or has ended. Closing our copy of the
+            // write end lets the launching thread see the end of the report.
+            ::close(writeEnd);
+        });
+    } catch (...) {
         ::close(report[0]);
-        return forkError;
+        ::close(report[1]);
+        return EAGAIN;
     }
+
+    int number = 0;
+    if (!readNumber(report[0], number)) {
+        // No child: vfork failed.
+        spawner.join();
+        ::close(report[0]);
+        return spawnError != 0 ? spawnError : EAGAIN;
+    }
+    pid = number;
     int status = 0;
     pid_t waited = 0;
     while ((waited = ::waitpid(pid, &status, WUNTRACED | __WALL)) < 0 && errno == EINTR) {
@@ -567,12 +629,11 @@ int spawnStopped(const std::string& path, char* const* argv, char* const* envp,
     // why.
     const bool reaped = waited == pid && !WIFSTOPPED(status);
     if (waited == pid && WIFSTOPPED(status)) handler(pid);
-    int number = 0;
-    ssize_t length = 0;
-    while ((length = ::read(report[0], &number, sizeof number)) < 0 && errno == EINTR) {
-    }
+    number = 0;
+    const bool failed = readNumber(report[0], number);
+    spawner.join();
     ::close(report[0]);
-    if (length <= 0 && !reaped) return 0;  // the program runs: exec closed the report pipe
+    if (!failed && !reaped) return 0;  // the program runs: exec closed the report pipe
     while (!reaped && ::waitpid(pid, nullptr, __WALL) < 0 && errno == EINTR) {
     }
     return number != 0 ? number : EIO;

@@ -316,9 +316,10 @@ class MIRELS_EXPORT ChildProcess final : public std::enable_shared_from_this<Chi
     /// handler returns, the child must be on its way to the program: the handler continues it
     /// (SIGCONT) and, if it traces the child, lets it through every stop up to the program's
     /// start. The launch then waits for the program to start and reports a failure to run it as
-    /// usual. With a handler, the child is started with fork instead of posix_spawn (slower for
-    /// a large parent); the streams, environment, directory, signals and scheduling it gets are
-    /// the same.
+    /// usual. With a handler, the child is started by vfork on a short-lived thread of the
+    /// library's instead of posix_spawn (a thread more per launch; the parent's size costs
+    /// nothing either way); the streams, environment, directory, signals and scheduling it gets
+    /// are the same.
     using StoppedLaunchHandler = std::function<void(pid_t)>;
     void setStoppedLaunchHandler(StoppedLaunchHandler handler);
 
