@@ -183,10 +183,11 @@ TEST(DispatchScheduler, AnEarlierActionRearmsAndADroppedSchedulerNeverRunsItsAct
 
     auto owned = std::make_shared<int>(1);
     std::weak_ptr<int> weakOwned = owned;
-    auto orphan = scheduler->scheduleAfter(ms(1), [o = std::move(owned), &late] { ++late; });
+    // Due late enough that the scheduler is surely gone first, even on a loaded machine.
+    auto orphan = scheduler->scheduleAfter(ms(50), [o = std::move(owned), &late] { ++late; });
     scheduler.reset();
     EXPECT_TRUE(weakOwned.expired());
-    std::this_thread::sleep_for(20ms);  // the armed timer fires into nothing
+    std::this_thread::sleep_for(100ms);  // the armed timer fires into nothing
     EXPECT_EQ(late.load(), 0);
     lateToken->cancel();
     earlyToken->cancel();
