@@ -39,7 +39,7 @@ void DelayedInvocation::cancelToken(const std::shared_ptr<CancellationToken>& to
 bool DelayedInvocation::schedule() {
     const std::uint64_t now = scheduler_->now().ticks;
     const std::uint64_t end = Scheduler::deadlineAfter(MonotonicTimestamp{now}, delay_).ticks;
-    std::uint64_t opened = 0;
+    std::uint64_t arming = 0;
     const bool open = state_.syncWrite([&](State& s) {
         if (s.pending) {
             if (mode_ == Mode::debounce) s.deadline = std::max(s.deadline, end);
@@ -47,46 +47,52 @@ bool DelayedInvocation::schedule() {
         }
         s.pending = true;
         s.deadline = end;
-        opened = ++s.period;
+        arming = s.arming = ++s.armings;
         return true;
     });
-    if (open) arm(opened, end);
+    if (open) arm(arming, end);
     return open;
 }
 
-// Arms the scheduler for `deadline` on behalf of `period`. The token is kept only while that
-// period is still open and has no armed action; otherwise it is cancelled here, so every token
-// is cancelled exactly once, by whoever takes it out of the state or by this function.
-void DelayedInvocation::arm(std::uint64_t period, std::uint64_t deadline) {
+// Arms the scheduler for `deadline` as arming number `arming`. The token is kept only while
+// that arming is still the live one; otherwise (it already fired and moved on, or the period
+// ended) it is cancelled here, so every token is cancelled exactly once, by whoever takes it
+// out of the state or by this function. Keeping a token whose action already ran would leave
+// the period open with nothing armed to end it.
+void DelayedInvocation::arm(std::uint64_t arming, std::uint64_t deadline) {
     std::shared_ptr<CancellationToken> token = scheduler_->scheduleAt(
         MonotonicTimestamp{deadline}, leeway_,
-        [weak = weak_from_this(), period] {
+        [weak = weak_from_this(), arming] {
             if (std::shared_ptr<DelayedInvocation> self = weak.lock()) {
-                self->scheduledActionFired(period);
+                self->scheduledActionFired(arming);
             }
         },
         callsite_);
     const bool kept = state_.syncWrite([&](State& s) {
-        if (!s.pending || s.period != period || s.armed) return false;
+        if (!s.pending || s.arming != arming) return false;
         s.armed = token;
         return true;
     });
     if (!kept) token->cancel();
 }
 
-void DelayedInvocation::scheduledActionFired(std::uint64_t period) {
+void DelayedInvocation::scheduledActionFired(std::uint64_t arming) {
     const std::uint64_t now = scheduler_->now().ticks;
     enum class Outcome : std::uint8_t { stale, rearm, run };
     std::shared_ptr<CancellationToken> spent;
     std::uint64_t deadline = 0;
+    std::uint64_t next = 0;
     const Outcome outcome = state_.syncWrite([&](State& s) {
-        if (!s.pending || s.period != period) return Outcome::stale;
+        if (!s.pending || s.arming != arming) return Outcome::stale;
+        // Null when this fired before `arm` stored its token: `arm` then cancels it itself.
         spent = std::exchange(s.armed, nullptr);
         if (s.deadline > now) {
             deadline = s.deadline;  // moved by a debounce since it was armed
+            next = s.arming = ++s.armings;
             return Outcome::rearm;
         }
         s.pending = false;
+        s.arming = 0;
         return Outcome::run;
     });
     cancelToken(spent);
@@ -94,7 +100,7 @@ void DelayedInvocation::scheduledActionFired(std::uint64_t period) {
         case Outcome::stale:
             return;
         case Outcome::rearm:
-            arm(period, deadline);
+            arm(next, deadline);
             return;
         case Outcome::run:
             run();
@@ -111,6 +117,7 @@ bool DelayedInvocation::endPendingPeriod() {
     const bool ended = state_.syncWrite([&](State& s) {
         if (!s.pending) return false;
         s.pending = false;
+        s.arming = 0;
         armed = std::exchange(s.armed, nullptr);
         return true;
     });

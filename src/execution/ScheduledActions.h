@@ -21,7 +21,7 @@ namespace mirels::detail {
 struct ScheduledAction {
     enum State : std::uint8_t { pending, claimed, cancelled };
 
-    explicit ScheduledAction(UniqueFunction<void()> body) noexcept : action(std::move(body)) {}
+    explicit ScheduledAction(UniqueFunction<void()>&& body) noexcept : action(std::move(body)) {}
 
     // Called by the token.
     void didCancel() noexcept {
@@ -80,6 +80,9 @@ class ScheduledActionHeap {
   public:
     void push(std::uint64_t deadline, std::int64_t leeway,
               std::shared_ptr<ScheduledActionBlock> block) {
+        // The last slot of a heap can go without disturbing the rest: an action scheduled and
+        // cancelled before the next one (a time-out that did not expire) leaves at once.
+        while (!items_.empty() && items_.back().block->payload.isCancelled()) items_.pop_back();
         if (items_.size() >= sweepAt_) sweep();
         items_.push_back({deadline, nextSequence_++, leeway, std::move(block)});
         std::push_heap(items_.begin(), items_.end(), later);

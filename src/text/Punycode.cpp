@@ -314,28 +314,50 @@ std::string convertLabels(std::string_view hostName, bool unicodeDots, Convert&&
 
 }  // namespace
 
-PunycodeError::PunycodeError(Kind kind, std::string message, std::size_t offset)
-    : kind_(kind), message_(std::move(message)), offset_(offset) {}
+PunycodeError::PunycodeError(Kind kind, std::string message, std::size_t offset, OffsetUnit unit)
+    : kind_(kind), message_(std::move(message)), offset_(offset), unit_(unit) {}
 
 std::optional<std::string> PunycodeError::lowValueTitle() const {
     return "Invalid Punycode";
 }
 
 std::optional<std::string> PunycodeError::additionalInfo() const {
-    return message_ + " (at byte " + std::to_string(offset_) + ")";
+    return message_ + (unit_ == OffsetUnit::byte ? " (at byte " : " (at code point ") +
+           std::to_string(offset_) + ")";
 }
 
 std::string Punycode::encode(std::u32string_view label) {
     std::string out;
     out.reserve(label.size() + label.size() / 2 + 2);
-    encodeInto(out, label);
+    try {
+        encodeInto(out, label);
+    } catch (const PunycodeError& error) {
+        throw PunycodeError(error.kind(), error.message(), error.offset(),
+                            PunycodeError::OffsetUnit::codePoint);
+    }
     return out;
 }
 
 std::string Punycode::encode(std::string_view label) {
     std::array<char32_t, 64> small{};
     std::u32string large;
-    return encode(codePoints(label, small, large));
+    const std::u32string_view points = codePoints(label, small, large);
+    std::string out;
+    out.reserve(points.size() + points.size() / 2 + 2);
+    try {
+        encodeInto(out, points);
+    } catch (const PunycodeError& error) {
+        // The encoder counts code points; the caller gave bytes.
+        std::size_t byte = 0;
+        for (std::size_t point = 0; byte < label.size(); ++byte) {
+            if ((static_cast<unsigned char>(label[byte]) & 0xC0) != 0x80 &&
+                point++ == error.offset()) {
+                break;
+            }
+        }
+        throw PunycodeError(error.kind(), error.message(), byte);
+    }
+    return out;
 }
 
 std::u32string Punycode::decodeToCodePoints(std::string_view encoded) {

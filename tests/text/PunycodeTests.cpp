@@ -139,8 +139,11 @@ TEST(Punycode, BadInputIsAClearError) {
     // Deltas that land past U+10FFFF, on a surrogate, or on a basic code point.
     EXPECT_EQ(failure([] { (void)Punycode::decode("en32g"); })->kind(), Kind::invalidCodePoint);
     EXPECT_EQ(failure([] { (void)Punycode::decode("ib9b"); })->kind(), Kind::invalidCodePoint);
-    EXPECT_EQ(failure([] { (void)Punycode::encode(std::u32string_view(U"a\xD800")); })->kind(),
-              Kind::invalidCodePoint);
+    auto surrogate = failure([] { (void)Punycode::encode(std::u32string_view(U"ab\xD800")); });
+    ASSERT_TRUE(surrogate);
+    EXPECT_EQ(surrogate->kind(), Kind::invalidCodePoint);
+    EXPECT_EQ(surrogate->offsetUnit(), PunycodeError::OffsetUnit::codePoint);
+    EXPECT_EQ(surrogate->additionalInfo(), "U+D800 is no Unicode scalar value (at code point 2)");
     auto badUtf8 = failure([] { (void)Punycode::encode(std::string_view("ab\xC3")); });
     ASSERT_TRUE(badUtf8);
     EXPECT_EQ(badUtf8->kind(), Kind::invalidUtf8);

@@ -70,6 +70,12 @@ class MIRELS_EXPORT CancellationToken final {
     Callsite initializationCallsite() const noexcept { return initializationCallsite_; }
 
   private:
+    // Builds the cancel action in place from `didCancel`: the payload form makes one token per
+    // scheduled action, where a move of the action through a parameter is measurable.
+    template <class F>
+    CancellationToken(Key, Callsite callsite, F&& didCancel)
+        : didCancel_(std::forward<F>(didCancel)), initializationCallsite_(callsite) {}
+
     Action didCancel_;
     std::atomic<bool> cancelled_{false};
     Callsite initializationCallsite_;
@@ -84,8 +90,7 @@ class CancellationTokenWithPayload {
   public:
     template <class... Args>
     explicit CancellationTokenWithPayload(Callsite callsite, Args&&... args)
-        : token(CancellationToken::Key{},
-                CancellationToken::Action([this] { payload.didCancel(); }), callsite),
+        : token(CancellationToken::Key{}, callsite, [this] { payload.didCancel(); }),
           payload(std::forward<Args>(args)...) {}
     CancellationTokenWithPayload(const CancellationTokenWithPayload&) = delete;
     CancellationTokenWithPayload& operator=(const CancellationTokenWithPayload&) = delete;

@@ -82,13 +82,17 @@ class MIRELS_EXPORT DelayedInvocation final
   private:
     struct State {
         bool pending = false;
-        std::uint64_t period = 0;    // numbers the pending periods; stale arms compare it
         std::uint64_t deadline = 0;  // when the open period ends, on the scheduler's clock
-        std::shared_ptr<CancellationToken> armed;
+        // Numbers every arming of the scheduler; `arming` is the live one's number, 0 when none.
+        // A scheduled action that is not the live arming (superseded, or its period ended) is
+        // stale and does nothing, even when it fires before its token was stored.
+        std::uint64_t armings = 0;
+        std::uint64_t arming = 0;
+        std::shared_ptr<CancellationToken> armed;  // the live arming's token, once stored
     };
 
-    void arm(std::uint64_t period, std::uint64_t deadline);
-    void scheduledActionFired(std::uint64_t period);
+    void arm(std::uint64_t arming, std::uint64_t deadline);
+    void scheduledActionFired(std::uint64_t arming);
     void run();
     // Ends the pending period, if any, and cancels its armed scheduler token; true when it did.
     bool endPendingPeriod();

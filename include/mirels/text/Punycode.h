@@ -52,16 +52,22 @@ class MIRELS_EXPORT PunycodeError final : public HumanReadableError {
         invalidLabel,
     };
 
-    PunycodeError(Kind kind, std::string message, std::size_t offset);
+    /// What `offset` counts.
+    enum class OffsetUnit : std::uint8_t { byte, codePoint };
+
+    PunycodeError(Kind kind, std::string message, std::size_t offset,
+                  OffsetUnit unit = OffsetUnit::byte);
 
     Kind kind() const noexcept { return kind_; }
-    /// The byte offset in the input where the problem was found.
+    /// Where in the input the problem was found: a byte offset into UTF-8, Punycode or host-name
+    /// text, and the index of the code point for `encode(std::u32string_view)`.
     std::size_t offset() const noexcept { return offset_; }
+    OffsetUnit offsetUnit() const noexcept { return unit_; }
     const std::string& message() const noexcept { return message_; }
 
     /// "Invalid Punycode".
     std::optional<std::string> lowValueTitle() const override;
-    /// The message and the offset: "overflow while decoding (at byte 3)".
+    /// The message and the offset: "overflow while decoding (at byte 3)", or "(at code point 3)".
     std::optional<std::string> additionalInfo() const override;
     std::optional<std::string> additionalDiagnostics() const override { return std::nullopt; }
     bool canTryAgain() const override { return false; }
@@ -70,13 +76,14 @@ class MIRELS_EXPORT PunycodeError final : public HumanReadableError {
     Kind kind_;
     std::string message_;
     std::size_t offset_;
+    OffsetUnit unit_;
 };
 
 /// Punycode conversions of single labels and of whole host names.
 struct MIRELS_EXPORT Punycode {
     /// The Punycode form of `label` (UTF-8), without any prefix: "bücher" gives "bcher-kva".
     [[nodiscard]] static std::string encode(std::string_view label);
-    /// The same from code points.
+    /// The same from code points; an error's offset is then the index of a code point.
     [[nodiscard]] static std::string encode(std::u32string_view label);
 
     /// The label (UTF-8) whose Punycode form is `encoded` (no prefix): "bcher-kva" gives "bücher".
