@@ -28,12 +28,6 @@ inline void spinPause() noexcept {
 constexpr int spinLimit = 64;
 }  // namespace
 
-UnfairLock::UnfairLock() : word_(new std::atomic<std::uint32_t>(unlocked)) {}
-
-UnfairLock::~UnfairLock() {
-    delete word_;
-}
-
 void UnfairLock::lockContended() noexcept {
     // A thread that has not slept yet takes a free lock as plain "locked": any sleeper there is
     // was woken by the release that freed it and marks the word again itself. A thread that has
@@ -41,23 +35,23 @@ void UnfairLock::lockContended() noexcept {
     std::uint32_t takeAs = locked;
     for (;;) {
         for (int spin = 0; spin < spinLimit; ++spin) {
-            std::uint32_t state = word_->load(std::memory_order_relaxed);
+            std::uint32_t state = word_.load(std::memory_order_relaxed);
             if (state == unlocked &&
-                word_->compare_exchange_weak(state, takeAs, std::memory_order_acquire,
-                                             std::memory_order_relaxed)) {
+                word_.compare_exchange_weak(state, takeAs, std::memory_order_acquire,
+                                            std::memory_order_relaxed)) {
                 return;
             }
             spinPause();
         }
         // Mark the word; if that found it free, the lock is ours (marked: others may sleep).
-        if (word_->exchange(lockedWithSleepers, std::memory_order_acquire) == unlocked) return;
-        futex(word_, FUTEX_WAIT, lockedWithSleepers);  // sleeps only while the word is marked
+        if (word_.exchange(lockedWithSleepers, std::memory_order_acquire) == unlocked) return;
+        futex(&word_, FUTEX_WAIT, lockedWithSleepers);  // sleeps only while the word is marked
         takeAs = lockedWithSleepers;
     }
 }
 
 void UnfairLock::wakeOne() noexcept {
-    futex(word_, FUTEX_WAKE, 1);
+    futex(&word_, FUTEX_WAKE, 1);
 }
 
 }  // namespace mirels

@@ -7,8 +7,9 @@ namespace mirels {
 
 /// A non-recursive, unfair mutual-exclusion lock over one 4-byte futex word.
 ///
-/// The word is allocated separately, so its address never moves for the lock's lifetime. It holds
-/// one of three states: unlocked, locked, and locked with a thread that may be asleep waiting for
+/// The word lives inside the lock: no allocation. Its address never moves because the lock is
+/// neither copyable nor movable (and neither is `ThreadSafe`, which embeds it). It holds one of
+/// three states: unlocked, locked, and locked with a thread that may be asleep waiting for
 /// it. Taking a free lock is one compare-and-swap; releasing it is one atomic exchange, followed by
 /// a wake-up system call only when the word said a waiter may be asleep. A thread that finds the
 /// lock taken spins briefly (critical sections of the library are short), then marks the word and
@@ -20,15 +21,17 @@ namespace mirels {
 /// requirements, so it works with `std::lock_guard` and `std::unique_lock`.
 class UnfairLock {
   public:
-    UnfairLock();
-    ~UnfairLock();
+    constexpr UnfairLock() noexcept = default;
+    ~UnfairLock() = default;
     UnfairLock(const UnfairLock&) = delete;
     UnfairLock& operator=(const UnfairLock&) = delete;
+    UnfairLock(UnfairLock&&) = delete;
+    UnfairLock& operator=(UnfairLock&&) = delete;
 
     void lock() noexcept {
         std::uint32_t expected = unlocked;
-        if (word_->compare_exchange_weak(expected, locked, std::memory_order_acquire,
-                                         std::memory_order_relaxed)) [[likely]] {
+        if (word_.compare_exchange_weak(expected, locked, std::memory_order_acquire,
+                                        std::memory_order_relaxed)) [[likely]] {
             return;
         }
         lockContended();
@@ -36,12 +39,12 @@ class UnfairLock {
 
     bool try_lock() noexcept {
         std::uint32_t expected = unlocked;
-        return word_->compare_exchange_strong(expected, locked, std::memory_order_acquire,
-                                              std::memory_order_relaxed);
+        return word_.compare_exchange_strong(expected, locked, std::memory_order_acquire,
+                                             std::memory_order_relaxed);
     }
 
     void unlock() noexcept {
-        if (word_->exchange(unlocked, std::memory_order_release) == lockedWithSleepers)
+        if (word_.exchange(unlocked, std::memory_order_release) == lockedWithSleepers)
             [[unlikely]] {
             wakeOne();
         }
@@ -56,7 +59,7 @@ class UnfairLock {
     void lockContended() noexcept;
     void wakeOne() noexcept;
 
-    std::atomic<std::uint32_t>* word_;
+    std::atomic<std::uint32_t> word_{unlocked};
 };
 
 static_assert(sizeof(std::atomic<std::uint32_t>) == 4, "the lock word is 4 bytes");
