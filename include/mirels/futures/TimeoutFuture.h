@@ -81,7 +81,7 @@ class TimeoutFuture final : public AbstractFuture<Result<T>> {
             return true;
         });
         if (!kept) timer.cancel();  // fired already
-        watched.object()->_observeFinish([self](const FutureTermination<T>& termination) {
+        watched.object()->observeFinish([self](const FutureTermination<T>& termination) {
             self->receiveUnderlyingFinish(termination);
         });
         return Future<Result<T>>(std::move(self));
@@ -89,7 +89,7 @@ class TimeoutFuture final : public AbstractFuture<Result<T>> {
 
     /// Cancels the timer and the watched future (from `callsite`), then finishes canceled;
     /// does nothing once finished.
-    void cancel(Callsite callsite = Callsite::current()) override {
+    void cancel(Callsite callsite) override {
         std::optional<Running> running = take();
         if (!running) return;
         running->timer.cancel();
