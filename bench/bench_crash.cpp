@@ -13,8 +13,8 @@
 #include <string>
 
 #include "mirels/crash/CrashReport.h"
-#include "mirels/errors/CrashReportError.h"
-#include "mirels/errors/UncaughtExceptionError.h"
+#include "mirels/crash/CrashReportError.h"
+#include "mirels/crash/UncaughtExceptionError.h"
 #include "support/BenchSupport.h"
 
 using namespace mirels;

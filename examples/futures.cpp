@@ -52,6 +52,8 @@ int main() {
     Future<Result<int>> bounded =
         silent.timeout(effectiveTimeout(0.02), {}, TimeoutError::timedOut("a silent producer"));
     const auto timedOut = bounded.unpleasantWait().failedError();
+    // The time-out finishes first and cancels the watched future right after: wait for that too.
+    (void)silent.unpleasantWait();
     std::printf("%s (the silent future is %s)\n",
                 timedOut ? timedOut->description().c_str() : "no time-out?",
                 silent.recentStateSnapshot().description().c_str());

@@ -15,8 +15,8 @@
 
 #include "mirels/crash/CrashError.h"
 #include "mirels/crash/CrashReport.h"
-#include "mirels/errors/ErrorParsingUtilities.h"
-#include "mirels/errors/LinuxCrashTextErrors.h"
+#include "mirels/crash/ErrorParsingUtilities.h"
+#include "mirels/crash/LinuxCrashTextErrors.h"
 #include "mirels/platform/Log.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <variant>
 
-#include "mirels/plist/Line.h"
+#include "mirels/geometry/Line.h"
 
 namespace {
 

@@ -11,13 +11,14 @@
 #include <vector>
 
 #include "mirels/errors/HumanReadableConversion.h"
+#include "mirels/errors/HumanReadableErrorOptionsPropertyList.h"
 #include "mirels/errors/PlatformError.h"
 #include "mirels/platform/Log.h"
-#include "mirels/plist/Geometry.h"
+#include "mirels/plist/GeometryPropertyList.h"
 #include "mirels/plist/PlistSerialization.h"
 #include "mirels/plist/PropertyList.h"
 #include "mirels/plist/PropertyListError.h"
-#include "mirels/plist/UUID.h"
+#include "mirels/plist/UUIDPropertyList.h"
 
 namespace {
 

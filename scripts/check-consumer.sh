@@ -12,7 +12,7 @@ cmake --build "$prefix/consumer-build" >/dev/null
 LD_LIBRARY_PATH="$prefix/lib" "$prefix/consumer-build/consumer"
 
 PKG_CONFIG_PATH="$prefix/lib/pkgconfig" \
-  g++ tests/consumer/main.cpp -o "$prefix/consumer-pc" \
+  g++ -std=c++20 tests/consumer/main.cpp -o "$prefix/consumer-pc" \
   $(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags --libs mirels-foundation)
 LD_LIBRARY_PATH="$prefix/lib" "$prefix/consumer-pc"
 echo "consumer check: find_package and pkg-config both work"

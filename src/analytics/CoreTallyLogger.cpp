@@ -1,10 +1,10 @@
 #include "mirels/analytics/CoreTallyLogger.h"
 
 #include "mirels/core/ThreadSafe.h"
-#include "mirels/platform/HostBundle.h"
 #include "mirels/platform/Log.h"
 #include "mirels/platform/ProcessInfo.h"
-#include "mirels/platform/UserDefaults.h"
+#include "mirels/version/HostBundle.h"
+#include "mirels/version/UserDefaults.h"
 
 namespace mirels {
 

@@ -415,6 +415,10 @@ void ChildProcess::setTerminationHandler(TerminationHandler handler) {
     // `previous` (and what it captured) is released here, outside the lock.
 }
 
+void ChildProcess::setStoppedLaunchHandler(StoppedLaunchHandler handler) {
+    state_.syncWrite([&](State& s) { s.stoppedLaunchHandler = std::move(handler); });
+}
+
 namespace {
 
 /// Everything `posix_spawn` needs, built before the call so that the child does no work of ours.
@@ -473,6 +477,107 @@ std::shared_ptr<FileHandle> connectStream(posix_spawn_file_actions_t& actions, i
     return nullptr;
 }
 
+/// How one standard stream of a forked child is set up: -1 keeps the parent's, -2 opens the null
+/// device, anything else is the descriptor to put in its place.
+int forkedStreamSource(const ProcessStandardStream& stream, int number) {
+    switch (stream.kind()) {
+        case ProcessStandardStream::Kind::inherit:
+            return -1;
+        case ProcessStandardStream::Kind::nullDevice:
+            return -2;
+        case ProcessStandardStream::Kind::pipe:
+            return number == 0 ? stream.pipe()->fileHandleForReading()->fileDescriptor()
+                               : stream.pipe()->fileHandleForWriting()->fileDescriptor();
+        case ProcessStandardStream::Kind::fileHandle:
+            return stream.fileHandle()->fileDescriptor();
+    }
+    return -1;
+}
+
+/// Starts the child with fork, stopped (SIGSTOP) right before it runs the program, calls
+/// `handler` with its pid, then waits until the program runs (or failed to). The child does only
+/// async-signal-safe work. Returns 0 or the error number of the failure.
+int spawnStopped(const std::string& path, char* const* argv, char* const* envp,
+                 const ProcessStandardStream (&streams)[3],
+                 const std::optional<std::string>& directory, QualityOfService qos,
+                 const std::function<void(pid_t)>& handler, pid_t& pid) {
+    int sources[3];
+    for (int i = 0; i < 3; ++i) {
+        sources[i] = forkedStreamSource(streams[i], i);
+        if (sources[i] == -1 && streams[i].kind() != ProcessStandardStream::Kind::inherit) {
+            return EBADF;
+        }
+    }
+    int report[2];
+    if (::pipe2(report, O_CLOEXEC) != 0) return errno;
+    // No handler of this process may run in the child before its dispositions are reset.
+    sigset_t everySignal;
+    sigset_t previous;
+    sigfillset(&everySignal);
+    ::pthread_sigmask(SIG_SETMASK, &everySignal, &previous);
+    pid = ::fork();
+    if (pid == 0) {
+        struct sigaction defaultAction {};
+        defaultAction.sa_handler = SIG_DFL;
+        for (int signal = 1; signal < NSIG; ++signal) ::sigaction(signal, &defaultAction, nullptr);
+        auto fail = [&](int number) {
+            (void)!::write(report[1], &number, sizeof number);
+            ::_exit(127);
+        };
+        for (int i = 0; i < 3; ++i) {
+            int source = sources[i];
+            if (source == -2) source = ::open("/dev/null", i == 0 ? O_RDONLY : O_WRONLY);
+            if (source == -1) continue;
+            if (source < 0) fail(errno);
+            if (source == i) {
+                ::fcntl(i, F_SETFD, 0);
+            } else if (::dup2(source, i) < 0) {
+                fail(errno);
+            }
+        }
+        if (directory && ::chdir(directory->c_str()) != 0) fail(errno);
+        if (qos == QualityOfService::utility || qos == QualityOfService::background) {
+            sched_param parameters{};
+            ::sched_setscheduler(0, qos == QualityOfService::utility ? SCHED_BATCH : SCHED_IDLE,
+                                 &parameters);
+        }
+        // Only the three standard streams and the report pipe (closed by exec) stay open.
+        if (report[1] > 3) ::syscall(SYS_close_range, 3U, static_cast<unsigned>(report[1] - 1), 0U);
+        ::syscall(SYS_close_range, static_cast<unsigned>(report[1] + 1), ~0U, 0U);
+        sigset_t noSignal;
+        sigemptyset(&noSignal);
+        // The child has one thread: the process-wide mask is its own.
+        ::sigprocmask(SIG_SETMASK, &noSignal, nullptr);  // NOLINT(concurrency-mt-unsafe)
+        ::kill(::getpid(), SIGSTOP);
+        ::execve(path.c_str(), argv, envp);
+        fail(errno);
+    }
+    const int forkError = pid < 0 ? errno : 0;
+    ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    ::close(report[1]);
+    if (pid < 0) {
+        ::close(report[0]);
+        return forkError;
+    }
+    int status = 0;
+    pid_t waited = 0;
+    while ((waited = ::waitpid(pid, &status, WUNTRACED | __WALL)) < 0 && errno == EINTR) {
+    }
+    // A child that is not stopped ended while setting up (and was just reaped): its report says
+    // why.
+    const bool reaped = waited == pid && !WIFSTOPPED(status);
+    if (waited == pid && WIFSTOPPED(status)) handler(pid);
+    int number = 0;
+    ssize_t length = 0;
+    while ((length = ::read(report[0], &number, sizeof number)) < 0 && errno == EINTR) {
+    }
+    ::close(report[0]);
+    if (length <= 0 && !reaped) return 0;  // the program runs: exec closed the report pipe
+    while (!reaped && ::waitpid(pid, nullptr, __WALL) < 0 && errno == EINTR) {
+    }
+    return number != 0 ? number : EIO;
+}
+
 }  // namespace
 
 bool ChildProcess::launchAndReturnError(std::optional<Error>* error) {
@@ -499,6 +604,7 @@ bool ChildProcess::launchAndReturnError(std::optional<Error>* error) {
         configuration->output = s.output;
         configuration->error = s.error;
         configuration->qos = s.qos;
+        configuration->stoppedLaunchHandler = s.stoppedLaunchHandler;
     });
     if (!configuration) {
         return fail(ProcessError(ProcessError::Step::alreadyLaunched, previousPath, 0));
@@ -592,7 +698,13 @@ bool ChildProcess::launchAndReturnError(std::optional<Error>* error) {
     posix_spawnattr_setflags(&attributes, flags);
 
     pid_t pid = 0;
-    if (result == 0) {
+    if (result == 0 && configuration->stoppedLaunchHandler) {
+        const ProcessStandardStream streams[3] = {configuration->input, configuration->output,
+                                                  configuration->error};
+        result = spawnStopped(
+            plan.path, plan.argv.data(), plan.ownEnvironment ? plan.envp.data() : environ, streams,
+            configuration->directory, configuration->qos, configuration->stoppedLaunchHandler, pid);
+    } else if (result == 0) {
         result = ::posix_spawn(&pid, plan.path.c_str(), &actions, &attributes, plan.argv.data(),
                                plan.ownEnvironment ? plan.envp.data() : environ);
     }

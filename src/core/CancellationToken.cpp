@@ -1,7 +1,6 @@
 #include "mirels/core/CancellationToken.h"
 
 #include "mirels/core/Assertions.h"
-#include "mirels/events/Invalidatable.h"
 
 namespace mirels {
 
@@ -27,14 +26,6 @@ void CancellationToken::cancel() {
 
 void store(std::shared_ptr<CancellationToken> token, CancellationTokenSet& tokens) {
     tokens.insert(Ref<CancellationToken>(std::move(token)));
-}
-
-void manage(std::shared_ptr<CancellationToken> token, InvalidationHandle& handle) {
-    handle.invalidation_->keepUntilFiredOrCanceled(std::move(token));
-}
-
-void trackInvalidation(std::shared_ptr<CancellationToken> token, const Invalidatable& object) {
-    manage(std::move(token), object.invalidationHandle());
 }
 
 }  // namespace mirels

@@ -3,11 +3,11 @@
 #include <cmath>
 #include <ctime>
 
+#include "mirels/crash/ConditionInFileError.h"
 #include "mirels/crash/CrashError.h"
-#include "mirels/errors/ConditionInFileError.h"
-#include "mirels/errors/DyldLibraryLoadCrashError.h"
-#include "mirels/errors/MissingEnvironmentObjectError.h"
-#include "mirels/errors/UncaughtExceptionError.h"
+#include "mirels/crash/DyldLibraryLoadCrashError.h"
+#include "mirels/crash/MissingEnvironmentObjectError.h"
+#include "mirels/crash/UncaughtExceptionError.h"
 
 namespace mirels {
 

@@ -171,4 +171,12 @@ void bindInvalidation(const Invalidatable& object, std::span<const Invalidatable
     }
 }
 
+void manage(std::shared_ptr<CancellationToken> token, InvalidationHandle& handle) {
+    handle.invalidation_->keepUntilFiredOrCanceled(std::move(token));
+}
+
+void trackInvalidation(std::shared_ptr<CancellationToken> token, const Invalidatable& object) {
+    manage(std::move(token), object.invalidationHandle());
+}
+
 }  // namespace mirels

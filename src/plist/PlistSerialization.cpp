@@ -9,8 +9,8 @@
 #include <memory>
 #include <optional>
 
+#include "LibplistBridge.h"
 #include "PlistFormats.h"
-#include "mirels/plist/LibplistBridge.h"
 
 // The library writes both forms itself and reads binary property lists itself (PlistFormats),
 // so that it reads exactly what it writes: libplist 2.2 writes -0.0 as 0.0, writes years outside

@@ -11,7 +11,7 @@
 #include "mirels/analytics/RecordingCoreTallyTransport.h"
 #include "mirels/platform/Log.h"
 #include "mirels/platform/ProcessInfo.h"
-#include "mirels/platform/UserDefaults.h"
+#include "mirels/version/UserDefaults.h"
 #include "platform/ChildProcess.h"
 #include "support/TemporaryDirectory.h"
 

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "mirels/core/Assertions.h"
-#include "mirels/core/CallsiteError.h"
-#include "mirels/core/Unreachable.h"
+#include "mirels/errors/CallsiteError.h"
+#include "mirels/errors/Unreachable.h"
 #include "support/SoftAssertions.h"
 
 namespace mirels {

@@ -6,9 +6,9 @@
 #include <thread>
 #include <vector>
 
-#include "mirels/core/ThreadGuard.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/core/UnfairLock.h"
+#include "mirels/execution/ThreadGuard.h"
 #include "support/SoftAssertions.h"
 
 namespace mirels {

@@ -10,8 +10,8 @@
 #include <thread>
 
 #include "execution/Waiting.h"
+#include "mirels/crash/CrashReportError.h"
 #include "mirels/crash/CrashReportListener.h"
-#include "mirels/errors/CrashReportError.h"
 #include "mirels/futures/TimeoutError.h"
 #include "mirels/platform/Log.h"
 #include "platform/ChildProcess.h"

@@ -4,9 +4,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "mirels/core/Result.h"
-#include "mirels/core/Unreachable.h"
 #include "mirels/errors/Error.h"
+#include "mirels/errors/Result.h"
+#include "mirels/errors/Unreachable.h"
 #include "support/SoftAssertions.h"
 
 namespace mirels {

@@ -4,9 +4,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "mirels/core/Unreachable.h"
 #include "mirels/errors/ExceptionHandling.h"
 #include "mirels/errors/HumanReadableConversion.h"
+#include "mirels/errors/Unreachable.h"
 #include "mirels/plist/PropertyListError.h"
 #include "support/SoftAssertions.h"
 

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "mirels/errors/HumanReadableError.h"
+#include "mirels/plist/PropertyList.h"
 
 namespace mirels {
 namespace {

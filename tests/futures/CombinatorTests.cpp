@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "execution/Waiting.h"
-#include "mirels/core/CallsiteError.h"
+#include "mirels/errors/CallsiteError.h"
 #include "mirels/futures/Future.h"
 #include "mirels/futures/TraverseFuture.h"
 

@@ -8,8 +8,10 @@
 #include <vector>
 
 #include "execution/Waiting.h"
+#include "mirels/execution/StepScheduler.h"
 #include "mirels/futures/Future.h"
 #include "platform/ChildProcess.h"
+#include "support/SoftAssertions.h"
 
 namespace mirels {
 namespace {
@@ -41,20 +43,44 @@ TEST(TimeoutFuture, AFinishedFutureGivesItsOutcomeAtOnce) {
 }
 
 TEST(TimeoutFuture, FiringFailsWithTheMadeErrorThenCancelsTheWatchedFuture) {
+    auto scheduler = StepScheduler::create();
     auto [watched, promise] = Future<int>::create();
-    ThreadSafe<std::vector<std::string>> events;
-    watched.observeCancelation(
-        [&](Callsite) { events.syncWrite([](auto& e) { e.push_back("watched"); }); });
-    auto limited = watched.timeout(0.01, {}, TimeoutError::timedOut("the agent"));
-    limited.observeFailure(
-        [&](const Error&) { events.syncWrite([](auto& e) { e.push_back("timeout"); }); });
-    const auto termination = limited.unpleasantWait();
-    EXPECT_EQ(termination.failedError()->humanReadableError()->effectiveTitle(),
+    std::vector<std::string> events;
+    watched.observeCancelation([&](Callsite) { events.push_back("watched"); });
+    auto limited = watched.timeout(0.01, {}, TimeoutError::timedOut("the agent"), scheduler);
+    limited.observeFailure([&](const Error&) { events.push_back("timeout"); });
+    scheduler->advance(TimePeriod::fromNanoseconds(9'999'999));
+    EXPECT_EQ(limited.terminationIfFinished(), nullptr);
+    scheduler->advance(TimePeriod::fromNanoseconds(1));
+    EXPECT_EQ(limited.recentStateSnapshot().failedError()->humanReadableError()->effectiveTitle(),
               "Timed out waiting for the agent after 0.01 seconds.");
-    ASSERT_TRUE(testing::eventually([&] { return events.peek().size() == 2; }));
-    EXPECT_EQ(events.peek(), (std::vector<std::string>{"timeout", "watched"}));
+    EXPECT_EQ(events, (std::vector<std::string>{"timeout", "watched"}));
     promise.succeed(1);  // too late: nothing changes
     EXPECT_TRUE(limited.recentStateSnapshot().failedError().has_value());
+}
+
+TEST(TimeoutFuture, TheBackgroundTimerFiresTheDefaultForm) {
+    auto [watched, promise] = Future<int>::create();
+    auto limited = watched.timeout(0.001);
+    EXPECT_EQ(limited.unpleasantWait().failedError()->humanReadableError()->effectiveTitle(),
+              "Timed out after 0.001 seconds.");
+    ASSERT_TRUE(testing::eventually([&] { return watched.isCanceled(); }));
+}
+
+TEST(TimeoutFuture, ASchedulerTimeOutSettlesItsTokenOnEveryOutcome) {
+    testing::SoftAssertionRecorder reports;
+    auto scheduler = StepScheduler::create();
+    auto [succeeding, promise] = Future<int>::create();
+    auto finished = succeeding.timeout(1.0, scheduler);
+    promise.succeed(3);
+    EXPECT_EQ(finished.succeededValue()->get(), 3);
+    auto [canceled, unused] = Future<int>::create();
+    auto limited = canceled.timeout(1.0, scheduler);
+    limited.cancel();
+    EXPECT_TRUE(canceled.isCanceled());
+    EXPECT_EQ(scheduler->pendingCount(), 0U);  // both timers withdrawn
+    EXPECT_EQ(scheduler->runUntilIdle(), 0U);
+    EXPECT_EQ(reports.count(), 0U);
 }
 
 TEST(TimeoutFuture, CancelingItCancelsTheWatchedFutureWithTheSameCallsite) {
@@ -67,15 +93,18 @@ TEST(TimeoutFuture, CancelingItCancelsTheWatchedFutureWithTheSameCallsite) {
 }
 
 TEST(TimeoutFuture, ATimeoutDroppedByItsCallerStillFiresThenGoesAway) {
+    auto scheduler = StepScheduler::create();
     auto [watched, promise] = Future<int>::create();
     std::weak_ptr<AbstractFuture<Result<int>>> weak;
     {
-        auto limited = watched.timeout(0.005);
+        auto limited = watched.timeout(0.005, scheduler);
         weak = limited.object();
     }
     // The watched future's observer holds the time-out while both run, so it still fires.
-    ASSERT_TRUE(testing::eventually([&] { return watched.isCanceled(); }));
-    EXPECT_TRUE(testing::eventually([&] { return weak.expired(); }));
+    EXPECT_FALSE(weak.expired());
+    scheduler->advance(TimePeriod::fromNanoseconds(5'000'000));
+    EXPECT_TRUE(watched.isCanceled());
+    EXPECT_TRUE(weak.expired());
 }
 
 // The timer, the watched future's success and a cancel race: exactly one outcome wins.

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "mirels/plist/LibplistBridge.h"
 #include "mirels/plist/PlistSerialization.h"
+#include "plist/LibplistBridge.h"
 
 namespace mirels {
 namespace {

@@ -3,9 +3,11 @@
 #include <optional>
 #include <string>
 
-#include "mirels/plist/Geometry.h"
+#include "mirels/core/UUID.h"
+#include "mirels/geometry/Geometry.h"
+#include "mirels/plist/GeometryPropertyList.h"
 #include "mirels/plist/PropertyListBuilder.h"
-#include "mirels/plist/UUID.h"
+#include "mirels/plist/UUIDPropertyList.h"
 
 namespace mirels {
 namespace {

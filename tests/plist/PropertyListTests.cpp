@@ -10,12 +10,15 @@
 #include <thread>
 #include <vector>
 
+#include "mirels/core/UUID.h"
 #include "mirels/errors/HumanReadableErrorOptions.h"
-#include "mirels/plist/Geometry.h"
+#include "mirels/errors/HumanReadableErrorOptionsPropertyList.h"
+#include "mirels/geometry/Geometry.h"
+#include "mirels/plist/GeometryPropertyList.h"
 #include "mirels/plist/PlistSerialization.h"
 #include "mirels/plist/PropertyList.h"
 #include "mirels/plist/PropertyListError.h"
-#include "mirels/plist/UUID.h"
+#include "mirels/plist/UUIDPropertyList.h"
 #include "support/SoftAssertions.h"
 
 namespace mirels {

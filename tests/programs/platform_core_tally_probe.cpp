@@ -9,8 +9,8 @@
 #include <string_view>
 
 #include "mirels/analytics/RecordingCoreTallyTransport.h"
-#include "mirels/platform/HostBundle.h"
-#include "mirels/platform/UserDefaults.h"
+#include "mirels/version/HostBundle.h"
+#include "mirels/version/UserDefaults.h"
 
 int main(int argc, char** argv) {
     using namespace mirels;

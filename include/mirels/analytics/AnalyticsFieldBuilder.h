@@ -1,5 +1,8 @@
 #pragma once
 
+// `AnalyticsFieldBuilder`: builds the fields of an analytics event declaratively, one `{key,
+// value}` entry per field.
+
 #include <concepts>
 #include <cstddef>
 #include <cstdint>

@@ -1,5 +1,7 @@
 #pragma once
 
+// `AnalyticsLogger`: where usage events go.
+
 #include <initializer_list>
 #include <string_view>
 #include <type_traits>

@@ -1,5 +1,7 @@
 #pragma once
 
+// `AnalyticsValue`: a typed value of an analytics event field. Also `AnalyticsFields`.
+
 #include <cstdint>
 #include <map>
 #include <optional>

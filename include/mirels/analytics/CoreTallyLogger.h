@@ -1,11 +1,16 @@
 #pragma once
 
+// `CoreTallyLogger`: the analytics logger over the process-wide transport. Also `AnalyticsHints`,
+// `AnalyticsPayload`, `AnalyticsPayloadBuilder`, `CoreTallyTransport`, `QKCoreTallyLogEvent()`,
+// `setCoreTallyTransport()`.
+
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/analytics/AnalyticsLogger.h"
 #include "mirels/core/UniqueFunction.h"
 #include "mirels/plist/PlistValue.h"
@@ -33,17 +38,18 @@ class CoreTallyTransport {
 };
 
 /// Sends one event through the current transport.
-void QKCoreTallyLogEvent(std::string_view eventName, AnalyticsPayloadBuilder makePayload);
+MIRELS_EXPORT void QKCoreTallyLogEvent(std::string_view eventName,
+                                       AnalyticsPayloadBuilder makePayload);
 
 /// Installs `transport` as the process-wide transport and returns the one it replaces. Passing
 /// null restores the default transport.
-std::shared_ptr<CoreTallyTransport> setCoreTallyTransport(
+MIRELS_EXPORT std::shared_ptr<CoreTallyTransport> setCoreTallyTransport(
     std::shared_ptr<CoreTallyTransport> transport);
 
 /// The analytics logger over the process-wide transport. Every event gets the reporting
 /// process's name, the host application's build and, with hints, whether the user's project is
 /// likely a sample project. Users switch it off with the preference "QKLogCoreTally" = false.
-class CoreTallyLogger final : public AnalyticsLogger {
+class MIRELS_EXPORT CoreTallyLogger final : public AnalyticsLogger {
   public:
     static constexpr std::string_view sampleProjectKey = "isLikelySampleProject";
     /// Every event name is this prefix followed by the identifier suffix.

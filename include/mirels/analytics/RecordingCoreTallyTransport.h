@@ -1,9 +1,13 @@
 #pragma once
 
+// `RecordingCoreTallyTransport`: a transport that keeps every event it is given (building each
+// payload at once), for tests. Also `ScopedRecordingTransport`.
+
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/analytics/CoreTallyLogger.h"
 #include "mirels/core/ThreadSafe.h"
 
@@ -11,7 +15,7 @@ namespace mirels {
 
 /// A transport that keeps every event it is given (building each payload at once), for tests.
 /// Thread-safe.
-class RecordingCoreTallyTransport final : public CoreTallyTransport {
+class MIRELS_EXPORT RecordingCoreTallyTransport final : public CoreTallyTransport {
   public:
     struct Event {
         std::string name;
@@ -30,7 +34,7 @@ class RecordingCoreTallyTransport final : public CoreTallyTransport {
 };
 
 /// Installs a recording transport for its lifetime and restores the previous one afterwards.
-class ScopedRecordingTransport {
+class MIRELS_EXPORT ScopedRecordingTransport {
   public:
     ScopedRecordingTransport();
     ~ScopedRecordingTransport();

@@ -1,10 +1,13 @@
 #pragma once
 
+// `CapturingCommandLinePrinter`: a printer that keeps what it is given instead of writing it.
+
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/cli/CommandLinePrinter.h"
 #include "mirels/core/ThreadSafe.h"
 
@@ -12,7 +15,7 @@ namespace mirels {
 
 /// A printer that keeps what it is given instead of writing it: for tests, and for callers that
 /// want a tool's text (a usage page, an error) as a value. Safe to print to from several threads.
-class CapturingCommandLinePrinter final : public AnyCommandLinePrinter {
+class MIRELS_EXPORT CapturingCommandLinePrinter final : public AnyCommandLinePrinter {
   public:
     /// One printed line and its attributes.
     struct Line {

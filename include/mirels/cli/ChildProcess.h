@@ -1,5 +1,7 @@
 #pragma once
 
+#include "mirels/Export.h"
+
 // Child processes without a shell: `ChildProcess` starts a program with `posix_spawn` and watches
 // it through a process file descriptor; `Pipe` and `FileHandle` connect to its standard streams.
 //
@@ -42,7 +44,7 @@ class ProcessIOLoop;
 
 /// A failure to start a child process or to use one of its descriptors: which step failed, for
 /// which path, and the system's error number.
-class ProcessError final : public HumanReadableError {
+class MIRELS_EXPORT ProcessError final : public HumanReadableError {
   public:
     enum class Step : std::uint8_t {
         /// The program could not be started ("Could not launch <path>: <reason>.").
@@ -99,7 +101,7 @@ struct FileHandleState {
 ///
 /// Reads and writes block the caller; a handle is read by one thread at a time, and must not be
 /// closed while another thread reads or writes it.
-class FileHandle final : public std::enable_shared_from_this<FileHandle> {
+class MIRELS_EXPORT FileHandle final : public std::enable_shared_from_this<FileHandle> {
     struct Key {
         explicit Key() = default;
     };
@@ -169,7 +171,7 @@ class FileHandle final : public std::enable_shared_from_this<FileHandle> {
 /// as a standard stream has the child's end closed in this process once the child is launched,
 /// so that the reading end sees the end of the file when the child (and whatever inherited the
 /// stream from it) is done.
-class Pipe {
+class MIRELS_EXPORT Pipe {
     struct Key {
         explicit Key() = default;
     };
@@ -194,7 +196,7 @@ class Pipe {
 };
 
 /// What one standard stream of a child is connected to.
-class ProcessStandardStream {
+class MIRELS_EXPORT ProcessStandardStream {
   public:
     enum class Kind : std::uint8_t { inherit, nullDevice, pipe, fileHandle };
 
@@ -232,7 +234,7 @@ namespace detail {
 enum class ChildProcessPhase : std::uint8_t { configuring, launching, running, terminated };
 
 /// What a `ChildProcess` guards with its lock: the configuration, then the state of the child.
-struct ChildProcessState {
+struct MIRELS_EXPORT ChildProcessState {
     std::optional<std::string> executable;
     std::vector<std::string> arguments;
     std::optional<std::map<std::string, std::string>> environment;
@@ -242,6 +244,7 @@ struct ChildProcessState {
     ProcessStandardStream error;
     QualityOfService qos = QualityOfService::standard;
     std::function<void(ChildProcess&)> handler;
+    std::function<void(pid_t)> stoppedLaunchHandler;
     ChildProcessPhase phase = ChildProcessPhase::configuring;
     int pidfd = -1;
     int suspendCount = 0;
@@ -261,7 +264,7 @@ struct ChildProcessState {
 /// Thread-safe: every operation may be called from any thread. The process I/O thread keeps the
 /// object alive while the child runs, reaps the child when it ends, and then calls the
 /// termination handler once.
-class ChildProcess final : public std::enable_shared_from_this<ChildProcess> {
+class MIRELS_EXPORT ChildProcess final : public std::enable_shared_from_this<ChildProcess> {
     struct Key {
         explicit Key() = default;
     };
@@ -306,6 +309,18 @@ class ChildProcess final : public std::enable_shared_from_this<ChildProcess> {
     TerminationHandler terminationHandler() const;
     /// Replaces the handler. One set after the child has ended is never called.
     void setTerminationHandler(TerminationHandler handler);
+
+    /// Called with the child's pid on the launching thread, during the launch, while the child
+    /// is stopped (SIGSTOP) with everything set up, just before it runs the program: the moment
+    /// to attach a tracer that must see the program from its first instruction. When the
+    /// handler returns, the child must be on its way to the program: the handler continues it
+    /// (SIGCONT) and, if it traces the child, lets it through every stop up to the program's
+    /// start. The launch then waits for the program to start and reports a failure to run it as
+    /// usual. With a handler, the child is started with fork instead of posix_spawn (slower for
+    /// a large parent); the streams, environment, directory, signals and scheduling it gets are
+    /// the same.
+    using StoppedLaunchHandler = std::function<void(pid_t)>;
+    void setStoppedLaunchHandler(StoppedLaunchHandler handler);
 
     // --- launching ---
 

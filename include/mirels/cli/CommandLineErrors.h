@@ -1,9 +1,14 @@
 #pragma once
 
+// `UnknownOptionError`: an argument named no option of the set, or was positional with no consumer
+// left to take it. Also `OptionNeedsArgumentError`, `InvalidInteger`, `UnknownEnumValue`,
+// `MissingCommandError`, `UnknownCommandError`.
+
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/errors/HumanReadableError.h"
 
 namespace mirels {
@@ -13,7 +18,7 @@ namespace mirels {
 
 /// An argument named no option of the set, or was positional with no consumer left to take it.
 /// Carries the argument as written, dashes and inline value included.
-class UnknownOptionError final : public HumanReadableError {
+class MIRELS_EXPORT UnknownOptionError final : public HumanReadableError {
   public:
     explicit UnknownOptionError(std::string argument) : argument_(std::move(argument)) {}
     const std::string& argument() const noexcept { return argument_; }
@@ -28,7 +33,7 @@ class UnknownOptionError final : public HumanReadableError {
 
 /// An option asked for a value after the last argument. Carries the option's name as typed,
 /// without dashes (`o` for `-o`), so the message names what the user wrote.
-class OptionNeedsArgumentError final : public HumanReadableError {
+class MIRELS_EXPORT OptionNeedsArgumentError final : public HumanReadableError {
   public:
     explicit OptionNeedsArgumentError(std::string name) : name_(std::move(name)) {}
     const std::string& name() const noexcept { return name_; }
@@ -43,7 +48,7 @@ class OptionNeedsArgumentError final : public HumanReadableError {
 
 /// An integer option's value is no signed decimal integer of the field's range. Carries the
 /// option's primary name and the text.
-class InvalidInteger final : public HumanReadableError {
+class MIRELS_EXPORT InvalidInteger final : public HumanReadableError {
   public:
     InvalidInteger(std::string option, std::string text)
         : option_(std::move(option)), text_(std::move(text)) {}
@@ -61,7 +66,7 @@ class InvalidInteger final : public HumanReadableError {
 
 /// An enumeration option's value is none of the raw values. Carries the option's primary name,
 /// the value and the permitted raw values in case order.
-class UnknownEnumValue final : public HumanReadableError {
+class MIRELS_EXPORT UnknownEnumValue final : public HumanReadableError {
   public:
     UnknownEnumValue(std::string option, std::string value, std::vector<std::string> permitted)
         : option_(std::move(option)), value_(std::move(value)), permitted_(std::move(permitted)) {}
@@ -82,7 +87,7 @@ class UnknownEnumValue final : public HumanReadableError {
 };
 
 /// A tool was run without arguments.
-class MissingCommandError final : public HumanReadableError {
+class MIRELS_EXPORT MissingCommandError final : public HumanReadableError {
   public:
     /// Must pass command
     std::string message() const { return "Must pass command"; }
@@ -91,7 +96,7 @@ class MissingCommandError final : public HumanReadableError {
 };
 
 /// A tool's first argument named none of its commands.
-class UnknownCommandError final : public HumanReadableError {
+class MIRELS_EXPORT UnknownCommandError final : public HumanReadableError {
   public:
     explicit UnknownCommandError(std::string commandName) : commandName_(std::move(commandName)) {}
     const std::string& commandName() const noexcept { return commandName_; }

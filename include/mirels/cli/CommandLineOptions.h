@@ -1,5 +1,10 @@
 #pragma once
 
+// `CommandLineOptions`: the options and argument consumers that fill a settings record `T`, in
+// declaration order. Also `CommandLineValueFetcher`, `CommandLineEnumeration`,
+// `CommandLineOptionDescription`, `CommandLineOption`, `CommandLineArgumentConsumer`,
+// `CommandLineOptionBuilder` and more.
+
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -16,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/RawValueCases.h"
 
@@ -40,35 +46,37 @@ struct CommandLineOptionName {
 
 /// The name table of an option set, sorted by name, each name owned by the last option that
 /// declares it.
-std::vector<CommandLineOptionName> makeCommandLineNameTable(
+MIRELS_EXPORT std::vector<CommandLineOptionName> makeCommandLineNameTable(
     std::span<const std::vector<std::string>* const> namesPerOption);
 
 /// "-v" for a one-character name, "--verbose" otherwise, with " PARAMETER" when the option takes
 /// a value; all names joined with ", ".
-std::string commandLineOptionShortUsage(const std::string& name,
-                                        const std::vector<std::string>& aliases,
-                                        const std::optional<std::string>& parameterDescription);
-std::string commandLineConsumerShortUsage(const std::string& name,
-                                          std::optional<std::int64_t> limit);
-std::string commandLineOptionsShortUsage(bool hasOptions, std::span<const std::string> consumers);
+MIRELS_EXPORT std::string commandLineOptionShortUsage(
+    const std::string& name, const std::vector<std::string>& aliases,
+    const std::optional<std::string>& parameterDescription);
+MIRELS_EXPORT std::string commandLineConsumerShortUsage(const std::string& name,
+                                                        std::optional<std::int64_t> limit);
+MIRELS_EXPORT std::string commandLineOptionsShortUsage(bool hasOptions,
+                                                       std::span<const std::string> consumers);
 /// The text in upper case (ASCII letters; other bytes unchanged).
-std::string commandLineUppercased(std::string_view text);
+MIRELS_EXPORT std::string commandLineUppercased(std::string_view text);
 
 /// Stops the process for a consumer limit below one.
-void checkConsumerLimit(const std::optional<std::int64_t>& limit, const std::string& name,
-                        Callsite callsite);
+MIRELS_EXPORT void checkConsumerLimit(const std::optional<std::int64_t>& limit,
+                                      const std::string& name, Callsite callsite);
 
 /// Parses `text` as a signed decimal integer of the field's type; any other text, "+5", " 5",
 /// "5x" and values outside the type's range throw `InvalidInteger` for `option`.
-std::int64_t parseCommandLineInteger(std::string_view text, std::string_view option,
-                                     std::int64_t min, std::int64_t max);
-std::uint64_t parseCommandLineUnsigned(std::string_view text, std::string_view option,
-                                       std::uint64_t max);
+MIRELS_EXPORT std::int64_t parseCommandLineInteger(std::string_view text, std::string_view option,
+                                                   std::int64_t min, std::int64_t max);
+MIRELS_EXPORT std::uint64_t parseCommandLineUnsigned(std::string_view text, std::string_view option,
+                                                     std::uint64_t max);
 
-[[noreturn]] void throwUnknownEnumValue(std::string option, std::string value,
-                                        std::vector<std::string> permitted);
-std::string enumeratedDescription(std::string description, const std::string& parameter,
-                                  std::span<const std::string_view> rawValues);
+[[noreturn]] MIRELS_EXPORT void throwUnknownEnumValue(std::string option, std::string value,
+                                                      std::vector<std::string> permitted);
+MIRELS_EXPORT std::string enumeratedDescription(std::string description,
+                                                const std::string& parameter,
+                                                std::span<const std::string_view> rawValues);
 
 /// The walk over the arguments, shared by every settings type. `apply` runs option `index`
 /// with the fetcher; `aggregate` hands a positional argument to consumer `index`.
@@ -77,9 +85,10 @@ struct CommandLineParseTarget {
     void (*apply)(void* context, std::size_t index, CommandLineValueFetcher& fetch);
     void (*aggregate)(void* context, std::size_t index, std::string_view argument);
 };
-void parseCommandLine(std::span<const CommandLineOptionName> names,
-                      std::span<const std::optional<std::int64_t>> limits,
-                      std::span<const std::string_view> arguments, CommandLineParseTarget target);
+MIRELS_EXPORT void parseCommandLine(std::span<const CommandLineOptionName> names,
+                                    std::span<const std::optional<std::int64_t>> limits,
+                                    std::span<const std::string_view> arguments,
+                                    CommandLineParseTarget target);
 
 }  // namespace detail
 
@@ -90,7 +99,7 @@ void parseCommandLine(std::span<const CommandLineOptionName> names,
 ///
 /// The returned text views the caller's argument list and stays valid until `parse` returns;
 /// copy what you keep.
-class CommandLineValueFetcher {
+class MIRELS_EXPORT CommandLineValueFetcher {
   public:
     std::string_view operator()();
 

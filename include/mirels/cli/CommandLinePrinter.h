@@ -1,5 +1,9 @@
 #pragma once
 
+// `CommandLinePrinter`: the terminal printer. Also `CommandLinePrintingAttribute`,
+// `commandLinePrintingAttribute()`, `PaddingPosition`, `characterCount()`, `padded()`,
+// `AnyCommandLinePrinter`.
+
 #include <array>
 #include <concepts>
 #include <cstddef>
@@ -12,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/core/RawValueCases.h"
 
 namespace mirels {
@@ -39,7 +44,8 @@ struct RawValueCases<CommandLinePrintingAttribute> {
 };
 
 /// The attribute with this code, or nothing for any other number.
-std::optional<CommandLinePrintingAttribute> commandLinePrintingAttribute(int rawValue) noexcept;
+MIRELS_EXPORT std::optional<CommandLinePrintingAttribute> commandLinePrintingAttribute(
+    int rawValue) noexcept;
 
 /// Where `padded` puts the padding.
 enum class PaddingPosition { leading, trailing };
@@ -48,21 +54,21 @@ enum class PaddingPosition { leading, trailing };
 /// combining marks, variation selectors and zero-width joiners count nothing (except at the start,
 /// where they have nothing to attach to), and a byte that is not valid UTF-8 counts as one
 /// character. Only the empty text has no characters.
-std::size_t characterCount(std::string_view text) noexcept;
+MIRELS_EXPORT std::size_t characterCount(std::string_view text) noexcept;
 
 /// `text` padded with whole copies of `pad` to at least `length` characters: text that is long
 /// enough comes back unchanged; otherwise the pad is repeated ceil(missing / pad length) times
 /// and not trimmed, so a pad of several characters may overshoot ("ab" to 5 with "xy" trailing is
 /// "abxyxy"). An empty pad when padding is needed stops the process.
-std::string padded(std::string_view text, std::size_t length, std::string_view pad,
-                   PaddingPosition position);
+MIRELS_EXPORT std::string padded(std::string_view text, std::size_t length, std::string_view pad,
+                                 PaddingPosition position);
 
 /// Where the command-line tools' output goes: one text per call, with terminal attributes.
 ///
 /// Implementations supply `write`; `decorate` says how one piece of text looks with attributes
 /// inside a line (used by `printInColumns`, which colours each column on its own), and defaults to
 /// the plain text.
-class AnyCommandLinePrinter {
+class MIRELS_EXPORT AnyCommandLinePrinter {
   public:
     virtual ~AnyCommandLinePrinter();
 
@@ -108,7 +114,7 @@ class AnyCommandLinePrinter {
 ///
 /// It has no state; every operation exists as a static function (which can also be called on an
 /// instance), and an instance is the `AnyCommandLinePrinter` that tools hold.
-class CommandLinePrinter : public AnyCommandLinePrinter {
+class MIRELS_EXPORT CommandLinePrinter : public AnyCommandLinePrinter {
   public:
     CommandLinePrinter() = default;
 

@@ -1,11 +1,16 @@
 #pragma once
 
+// `QKCommandLineProcess`: a thin wrapper around one `ChildProcess`, held strongly as `task()`, so
+// that a child can be replaced by a substitute (a subclass made with `initNoTask()` that overrides
+// the operations) or observed.
+
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/cli/ChildProcess.h"
 #include "mirels/core/ThreadSafe.h"
 
@@ -24,7 +29,8 @@ namespace mirels {
 /// with the task. From the launch until the child ends, that installed handler holds the wrapper,
 /// so a caller may drop the wrapper right after launching it; the task releases the handler once
 /// it has run, which ends that cycle.
-class QKCommandLineProcess : public std::enable_shared_from_this<QKCommandLineProcess> {
+class MIRELS_EXPORT QKCommandLineProcess
+    : public std::enable_shared_from_this<QKCommandLineProcess> {
   public:
     using TerminationHandler = std::function<void(const std::shared_ptr<QKCommandLineProcess>&)>;
 

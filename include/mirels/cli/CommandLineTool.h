@@ -1,5 +1,22 @@
 #pragma once
 
+// `CommandLineTool`: a program of several commands. Also `DefaultInit`,
+// `CommandLineCommandProtocol`, `CommandLineCommand`, `CommandLineCommandType`.
+//
+// Example:
+//
+//     struct Build : CommandLineCommand<Build> {
+//         using Options = BuildSettings;  // a default-constructible settings record
+//         static constexpr std::string_view name = "build";
+//         static constexpr std::string_view description = "Builds the files.";
+//         static CommandLineOptions<Options> options();
+//         static void execute(const Options& options, AnyCommandLinePrinter& printer);
+//     };
+//     int main() {
+//         CommandLineTool tool("Builds things.", {commandType<Build>}, {"build OPTIONS [FILE]"});
+//         tool.run();  // reads the process's arguments; prints usage and errors
+//     }
+
 #include <concepts>
 #include <initializer_list>
 #include <memory>
@@ -8,6 +25,7 @@
 #include <string_view>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/cli/CommandLineOptions.h"
 #include "mirels/cli/CommandLinePrinter.h"
 
@@ -140,7 +158,7 @@ inline constexpr CommandLineCommandType commandType = CommandLineCommandType::of
 /// Synopsis lines are the process name and each usage example, aligned under the first. With no
 /// usage examples, there is one synopsis line per command: its name and its `shortUsage`. Command
 /// blocks are separated by two blank lines, and the page ends with a blank line.
-class CommandLineTool {
+class MIRELS_EXPORT CommandLineTool {
   public:
     CommandLineTool(
         std::string description, std::vector<CommandLineCommandType> commands,

@@ -1,11 +1,15 @@
 #pragma once
 
+// `CommandLineToolInvocation`: one run of an external program, described completely up front. Also
+// `CommandLineToolInvocationError`.
+
 #include <functional>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/core/TimePeriod.h"
 #include "mirels/errors/Error.h"
 #include "mirels/errors/HumanReadableError.h"
@@ -39,7 +43,7 @@ namespace mirels {
 ///
 /// The future's observers on the `any` lane run on the library's process I/O thread: they must
 /// not block there (hop to a lane of your own for long work).
-struct CommandLineToolInvocation {
+struct MIRELS_EXPORT CommandLineToolInvocation {
     /// What becomes of the child's standard error.
     enum class StandardError : std::uint8_t {
         /// This process's own standard error (the default).
@@ -105,7 +109,7 @@ struct CommandLineToolInvocation {
 /// A ready-made error for the two handlers of an invocation, for callers without errors of their
 /// own: "<toolName> failed." with the captured output as its information, or "<toolName> could
 /// not be launched." with the launch error's text.
-class CommandLineToolInvocationError final : public HumanReadableError {
+class MIRELS_EXPORT CommandLineToolInvocationError final : public HumanReadableError {
   public:
     enum class Kind : std::uint8_t { failedWhenRunning, failedToLaunch };
 

@@ -1,9 +1,14 @@
 #pragma once
 
+// `Utf8StreamDecoder`: turns a byte stream that arrives in pieces (reads from a pipe) into UTF-8
+// text.
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
+
+#include "mirels/Export.h"
 
 namespace mirels {
 
@@ -17,7 +22,7 @@ namespace mirels {
 ///
 /// Costs: valid input is copied once; ASCII runs are scanned eight bytes at a time. At most three
 /// bytes are held between pieces. Not thread-safe: one decoder serves one stream.
-class Utf8StreamDecoder {
+class MIRELS_EXPORT Utf8StreamDecoder {
   public:
     /// The UTF-8 form of U+FFFD.
     static constexpr std::string_view replacementCharacter = "\xEF\xBF\xBD";

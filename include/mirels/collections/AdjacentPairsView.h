@@ -1,5 +1,7 @@
 #pragma once
 
+// `AdjacentPairsView`. Also `AdjacentPair`.
+
 #include <compare>
 #include <concepts>
 #include <cstddef>

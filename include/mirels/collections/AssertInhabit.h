@@ -1,5 +1,7 @@
 #pragma once
 
+// `assertInhabit()`: the collection is not empty.
+
 #include <optional>
 #include <ranges>
 #include <type_traits>

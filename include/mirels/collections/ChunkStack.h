@@ -1,5 +1,7 @@
 #pragma once
 
+// `ChunkStack`: an unbounded stack made of `FixedStack` chunks of one size.
+
 #include <algorithm>
 #include <compare>
 #include <concepts>
@@ -10,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/collections/FixedStack.h"
 #include "mirels/core/Assertions.h"
 #include "mirels/core/Callsite.h"
@@ -17,7 +20,7 @@
 namespace mirels {
 
 namespace detail {
-[[noreturn]] void chunkStackZeroChunkSize();
+[[noreturn]] MIRELS_EXPORT void chunkStackZeroChunkSize();
 }  // namespace detail
 
 /// An unbounded stack made of `FixedStack` chunks of one size: growing adds a chunk, so an

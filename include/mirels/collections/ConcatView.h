@@ -1,5 +1,7 @@
 #pragma once
 
+// `ConcatView`.
+
 #include <compare>
 #include <concepts>
 #include <cstddef>

@@ -1,5 +1,7 @@
 #pragma once
 
+// `FixedStack`: a stack of fixed capacity over one buffer allocated at creation.
+
 #include <algorithm>
 #include <atomic>
 #include <concepts>
@@ -11,6 +13,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "mirels/Export.h"
 #include "mirels/collections/detail/OrderedTable.h"
 
 namespace mirels {
@@ -18,8 +21,9 @@ namespace mirels {
 namespace detail {
 /// Stops the process with "Attempting to subscript into index «position» which is out of bounds
 /// 0..<«filled»."
-[[noreturn]] void fixedStackIndexOutOfBounds(std::ptrdiff_t position, std::ptrdiff_t filled);
-[[noreturn]] void fixedStackNegativeCapacity(std::ptrdiff_t capacity);
+[[noreturn]] MIRELS_EXPORT void fixedStackIndexOutOfBounds(std::ptrdiff_t position,
+                                                           std::ptrdiff_t filled);
+[[noreturn]] MIRELS_EXPORT void fixedStackNegativeCapacity(std::ptrdiff_t capacity);
 }  // namespace detail
 
 /// A stack of fixed capacity over one buffer allocated at creation: a push into a full stack is

@@ -1,5 +1,7 @@
 #pragma once
 
+// `SequenceStep`: a step from one element to the next. Also `GeneratedView`, `GeneratorView`.
+
 #include <concepts>
 #include <cstddef>
 #include <functional>

@@ -1,5 +1,9 @@
 #pragma once
 
+// `Inhabited`: a collection known to hold at least one element, so that `first()` (and `last()` for
+// bidirectional bases) needs no optional. Also `HasHead`, `Predicated`, `ReversedCollection`,
+// `groupElements()`, `compactGroupElements()`, `orderedGroupElements()` and more.
+
 #include <algorithm>
 #include <concepts>
 #include <cstddef>
@@ -14,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/collections/OrderedDictionary.h"
 #include "mirels/collections/OrderedSet.h"
 #include "mirels/core/Assertions.h"
@@ -23,10 +28,11 @@ namespace mirels {
 
 namespace detail {
 /// "Calling `«operation»` on underlying «type» with «count» element(s) produced no first element"
-[[noreturn]] void inhabitedProducedNoFirstElement(const char* operation,
-                                                  const std::string& typeName, std::size_t count);
+[[noreturn]] MIRELS_EXPORT void inhabitedProducedNoFirstElement(const char* operation,
+                                                                const std::string& typeName,
+                                                                std::size_t count);
 /// "Calling reversed on a non-empty sequence with «count» elements resulted in an empty array."
-[[noreturn]] void inhabitedReversedIntoEmptyArray(std::size_t count);
+[[noreturn]] MIRELS_EXPORT void inhabitedReversedIntoEmptyArray(std::size_t count);
 
 /// Collections that grow at the end and take insertions at a position (vector, deque, list,
 /// string).

@@ -1,5 +1,8 @@
 #pragma once
 
+// `KeyValueMap`: a map from keys to values, ordered or not, on which the operations below are
+// offered. Also `guaranteedValue()`, `setting()`, `appending()`, `makeKeyValueMap()`.
+
 #include <concepts>
 #include <functional>
 #include <ranges>

@@ -1,5 +1,14 @@
 #pragma once
 
+// `OrderedDictionary`: a hash map that remembers the order in which its keys were first inserted.
+//
+// Example:
+//
+//     OrderedDictionary<std::string, int> counts;
+//     for (const std::string& word : words) ++guaranteedValue(counts, word, [] { return 0; });
+//     // in the order in which the words first appeared:
+//     for (const auto& [word, count] : counts) std::printf("%s: %d\n", word.c_str(), count);
+
 #include <algorithm>
 #include <concepts>
 #include <cstddef>
@@ -13,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/collections/detail/CopyOnWrite.h"
 #include "mirels/collections/detail/OrderedTable.h"
 #include "mirels/core/FatalError.h"
@@ -20,7 +30,8 @@
 namespace mirels {
 
 namespace detail {
-[[noreturn]] void orderedCollectionPositionOutOfRange(std::size_t position, std::size_t count);
+[[noreturn]] MIRELS_EXPORT void orderedCollectionPositionOutOfRange(std::size_t position,
+                                                                    std::size_t count);
 }  // namespace detail
 
 /// A hash map that remembers the order in which its keys were first inserted.

@@ -1,5 +1,8 @@
 #pragma once
 
+// `OrderedSet`: a list of unique elements in insertion order, with hash-based membership. Also
+// `OrderedSet()`, `orderedUniqued()`.
+
 #include <algorithm>
 #include <concepts>
 #include <cstddef>
@@ -12,13 +15,15 @@
 #include <utility>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/collections/detail/CopyOnWrite.h"
 #include "mirels/collections/detail/OrderedTable.h"
 
 namespace mirels {
 
 namespace detail {
-[[noreturn]] void orderedCollectionPositionOutOfRange(std::size_t position, std::size_t count);
+[[noreturn]] MIRELS_EXPORT void orderedCollectionPositionOutOfRange(std::size_t position,
+                                                                    std::size_t count);
 
 /// A range whose elements convert to `Element`, and which is not itself an `Element` (so that an
 /// element that happens to be a range, such as a string, is appended whole).

@@ -1,5 +1,8 @@
 #pragma once
 
+// `TraversalOrder`: the order in which a recursive sequence visits a tree. Also `ChildrenFunction`,
+// `RecursiveView`.
+
 #include <concepts>
 #include <cstddef>
 #include <deque>

@@ -1,5 +1,8 @@
 #pragma once
 
+// `AnyEquatable`: one value of any equatable type. Also `AnyComparableValue`, `AnyHashableValue`,
+// `AnyComparable`, `AnyHashable`.
+
 #include <compare>
 #include <concepts>
 #include <cstddef>

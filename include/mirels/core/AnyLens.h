@@ -1,5 +1,8 @@
 #pragma once
 
+// `AnyLens`: a type-erased, reusable way to read and write one part (`Value`) of a whole (`Root`).
+// Also `member()`, `optionalValue()`, `element()`, `value()`.
+
 #include <concepts>
 #include <cstddef>
 #include <functional>

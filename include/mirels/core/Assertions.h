@@ -1,5 +1,7 @@
 #pragma once
 
+#include "mirels/Export.h"
+
 // Soft assertions: checks that never stop the process. A failed check reports one analytics
 // event (identifier suffix "softAssert", one field "file" = "file-name:line:column" of the call
 // site) and the caller carries on with the fallback result. The check is made first and costs no
@@ -19,10 +21,20 @@
 
 namespace mirels {
 
+/// Receives every failed soft assertion. Called on the failing thread; must not throw.
+using SoftAssertionReporter = void (*)(const Callsite& callsite) noexcept;
+
+/// Installs `reporter` process-wide and returns the one it replaces. The analytics layer installs
+/// the reporter that logs the "softAssert" event while the library loads, before `main`; with no
+/// reporter (null), a failure is written to standard error as
+/// "soft assertion failed at <file-name:line:column>". Tests may install their own.
+MIRELS_EXPORT SoftAssertionReporter
+setSoftAssertionReporter(SoftAssertionReporter reporter) noexcept;
+
 namespace detail {
 
 /// The one reporting step every failed soft assertion shares.
-void reportSoftAssertionFailure(const Callsite& callsite) noexcept;
+MIRELS_EXPORT void reportSoftAssertionFailure(const Callsite& callsite) noexcept;
 
 template <class T>
 struct IsOptional : std::false_type {};

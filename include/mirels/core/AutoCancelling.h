@@ -1,7 +1,11 @@
 #pragma once
 
+// `AutoCancelling`: holds cancellation tokens and cancels every one of them when it goes away. Also
+// `store()`.
+
 #include <memory>
 
+#include "mirels/Export.h"
 #include "mirels/core/CancellationToken.h"
 
 namespace mirels {
@@ -12,7 +16,7 @@ namespace mirels {
 /// Used like a property wrapper: `wrappedValue()` is the set that `store(token, ...)`
 /// adds to, and `projectedValue()` hands out a token that cancels everything held so far.
 /// Owned and used by one thread at a time, like the set it exposes.
-class AutoCancelling {
+class MIRELS_EXPORT AutoCancelling {
   public:
     AutoCancelling();
     ~AutoCancelling();

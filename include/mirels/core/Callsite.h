@@ -1,8 +1,13 @@
 #pragma once
 
+// `Callsite`: where in the caller's source an operation was requested.
+
 #include <cstddef>
+#include <ostream>
 #include <source_location>
 #include <string>
+
+#include "mirels/Export.h"
 
 // Every shared object has its own `__dso_handle`; taking its address inside a default argument
 // evaluates in the caller's translation unit and so names the caller's image. Declared as GCC
@@ -17,7 +22,7 @@ namespace mirels {
 ///
 /// Every operation of the library that takes a call site takes it as its last parameter,
 /// defaulted to `Callsite::current()`, which captures the caller's position.
-class Callsite {
+class MIRELS_EXPORT Callsite {
   public:
     constexpr Callsite(const void* dsoHandle, const char* file, std::size_t line,
                        std::size_t column, const char* function) noexcept
@@ -56,7 +61,7 @@ class Callsite {
     /// "file-name:line:column", the text a soft-assertion report carries.
     std::string location() const;
 
-    friend bool operator==(const Callsite& a, const Callsite& b) noexcept;
+    friend MIRELS_EXPORT bool operator==(const Callsite& a, const Callsite& b) noexcept;
 
   private:
     const void* dsoHandle_;
@@ -65,5 +70,10 @@ class Callsite {
     std::size_t column_;
     const char* function_;
 };
+
+/// Streams the call site's description.
+inline std::ostream& operator<<(std::ostream& stream, const Callsite& callsite) {
+    return stream << callsite.description();
+}
 
 }  // namespace mirels

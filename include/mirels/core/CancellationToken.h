@@ -1,10 +1,27 @@
 #pragma once
 
+// `CancellationToken`: what an observing or subscribing operation hands back. Also
+// `CancellationTokenSet`, `CancellationTokenWithPayload`, `store()`.
+//
+// Example:
+//
+//     // A notifier hands out one token per listener; cancelling it removes the listener.
+//     std::shared_ptr<CancellationToken> Notifier::listen(Listener listener) {
+//         Identifier id;
+//         listeners_.syncWrite([&](auto& all) { all.emplace(id, std::move(listener)); });
+//         return CancellationToken::create([this, id] {
+//             listeners_.syncWrite([&](auto& all) { all.erase(id); });
+//         });
+//     }
+//     auto token = notifier.listen([](const std::string& m) { log(m); });
+//     token->cancel();  // removes the listener; cancelling again does nothing
+
 #include <atomic>
 #include <memory>
 #include <unordered_set>
 #include <utility>
 
+#include "mirels/Export.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/Ref.h"
 #include "mirels/core/UniqueFunction.h"
@@ -12,8 +29,6 @@
 namespace mirels {
 
 class CancellationToken;
-class InvalidationHandle;
-class Invalidatable;
 
 /// A set of tokens kept by identity.
 using CancellationTokenSet = std::unordered_set<Ref<CancellationToken>>;
@@ -24,7 +39,7 @@ using CancellationTokenSet = std::unordered_set<Ref<CancellationToken>>;
 /// failure (and runs the cancel action again, which the library's actions tolerate); a token
 /// destroyed without having been cancelled is reported too, and its action is released without
 /// running, so the registration stays. Made with `create`, shared by `std::shared_ptr`.
-class CancellationToken final {
+class MIRELS_EXPORT CancellationToken final {
     struct Key {
         explicit Key() = default;
     };
@@ -82,14 +97,6 @@ class CancellationTokenWithPayload {
 /// Keeps `token` in `tokens` (for example an `AutoCancelling`'s set). A free function rather than
 /// a member so that tokens need no back-pointer to their own owner: that saves every token four
 /// atomic operations over its life.
-void store(std::shared_ptr<CancellationToken> token, CancellationTokenSet& tokens);
-
-/// Hands `token` to `handle` (from `mirels/events/Invalidatable.h`): the handle cancels it when
-/// it is invalidated, or at once when it has been already. The token must then not be cancelled
-/// elsewhere (a second cancel is reported as always).
-void manage(std::shared_ptr<CancellationToken> token, InvalidationHandle& handle);
-
-/// Cancels `token` when `object` is invalidated: `manage` with the object's handle.
-void trackInvalidation(std::shared_ptr<CancellationToken> token, const Invalidatable& object);
+MIRELS_EXPORT void store(std::shared_ptr<CancellationToken> token, CancellationTokenSet& tokens);
 
 }  // namespace mirels

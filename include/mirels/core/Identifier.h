@@ -1,7 +1,12 @@
 #pragma once
 
+// `Identifier`: a process-unique identifier. Also `nextProcessIdentifier()`.
+
 #include <cstdint>
 #include <functional>
+#include <ostream>
+
+#include "mirels/Export.h"
 
 namespace mirels {
 
@@ -9,7 +14,7 @@ namespace mirels {
 /// starts at a random value from 0 to 9,999 and advances by one per use, under its own lock. It
 /// numbers queue lanes, serial-queue operations and subscribers, so these never collide within a
 /// process.
-std::int64_t nextProcessIdentifier();
+MIRELS_EXPORT std::int64_t nextProcessIdentifier();
 
 /// A process-unique identifier. Made with no arguments it takes the next value of the
 /// process-wide counter; made from a number it is that number.
@@ -22,6 +27,11 @@ struct Identifier {
     friend constexpr bool operator==(Identifier, Identifier) noexcept = default;
     friend constexpr auto operator<=>(Identifier, Identifier) noexcept = default;
 };
+
+/// Streams the number.
+inline std::ostream& operator<<(std::ostream& stream, Identifier identifier) {
+    return stream << identifier.identifier;
+}
 
 }  // namespace mirels
 

@@ -1,5 +1,7 @@
 #pragma once
 
+// `MutableBox`: a shared, mutable value with identity.
+
 #include <cstddef>
 #include <functional>
 #include <memory>

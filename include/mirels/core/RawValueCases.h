@@ -1,5 +1,8 @@
 #pragma once
 
+// `RawValueCases`: the customisation point that gives an enumeration raw values, a text or an
+// integer per case. Also `RawRepresentable`, `RawValueType`, `rawValue()`, `fromRawValue()`.
+
 #include <optional>
 #include <string>
 #include <string_view>

@@ -1,5 +1,8 @@
 #pragma once
 
+// `Ref`: wraps a shared reference so that it compares and hashes by identity (the object's
+// address), for keeping reference objects such as cancellation tokens in sets.
+
 #include <functional>
 #include <memory>
 

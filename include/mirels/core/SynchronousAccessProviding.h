@@ -1,5 +1,9 @@
 #pragma once
 
+// `SynchronousAccessProviding`: the convenience operations every synchronously accessed box offers,
+// written once over the box's own `syncRead` and `syncWrite` (a mixin. Also
+// `SynchronousAccessProvider`, `UnsafeSynchronousAccessProviding`.
+
 #include <concepts>
 #include <functional>
 #include <type_traits>

@@ -1,5 +1,15 @@
 #pragma once
 
+// `ThreadSafe`: a value that is read or changed only inside closures run under the box's own
+// `UnfairLock`.
+//
+// Example:
+//
+//     ThreadSafe<std::vector<int>> seen;
+//     seen.syncWrite([](std::vector<int>& values) { values.push_back(1); });  // under the lock
+//     std::size_t count = seen.syncRead([](const std::vector<int>& v) { return v.size(); });
+//     std::vector<int> copy = seen.peek();
+
 #include <functional>
 #include <memory>
 #include <mutex>

@@ -1,8 +1,14 @@
 #pragma once
 
+// `TimePeriod`: a duration in whole nanoseconds, with floating views for display and arithmetic.
+// Also `MonotonicTimestamp`.
+
 #include <chrono>
 #include <compare>
 #include <cstdint>
+#include <ostream>
+
+#include "mirels/Export.h"
 
 namespace mirels {
 
@@ -27,8 +33,13 @@ struct TimePeriod {
     friend constexpr auto operator<=>(TimePeriod, TimePeriod) noexcept = default;
 };
 
+/// Streams the period in seconds with an "s" suffix, such as "0.25s".
+inline std::ostream& operator<<(std::ostream& stream, TimePeriod period) {
+    return stream << period.seconds() << 's';
+}
+
 /// A reading of the monotonic clock (CLOCK_MONOTONIC) in unsigned 64-bit nanosecond ticks.
-struct MonotonicTimestamp {
+struct MIRELS_EXPORT MonotonicTimestamp {
     std::uint64_t ticks = 0;
 
     static MonotonicTimestamp now() noexcept;

@@ -1,8 +1,13 @@
 #pragma once
 
+// `unqualifiedTypeName()`: the innermost name of a type, from its demangled name. Also
+// `stripNamespaces()`.
+
 #include <string>
 #include <string_view>
 #include <typeinfo>
+
+#include "mirels/Export.h"
 
 namespace mirels {
 
@@ -12,10 +17,10 @@ namespace mirels {
 /// "TransitionError". The type's own template arguments stay, each spelled by the same rule as
 /// a type of its own: `std::vector<mirels::Ref<int>>` reads "vector<Ref<int>, allocator<Ref<int>
 /// > >" and `Box<Outer::Inner>` reads "Box<Inner>".
-std::string unqualifiedTypeName(const std::type_info& type);
+MIRELS_EXPORT std::string unqualifiedTypeName(const std::type_info& type);
 
 /// Applies that rule to an already demangled name.
-std::string stripNamespaces(std::string_view demangled);
+MIRELS_EXPORT std::string stripNamespaces(std::string_view demangled);
 
 /// The unqualified name of `T`, computed once per type.
 template <class T>

@@ -1,7 +1,11 @@
 #pragma once
 
+// `UnfairLock`: a non-recursive, unfair mutual-exclusion lock over one 4-byte futex word.
+
 #include <atomic>
 #include <cstdint>
+
+#include "mirels/Export.h"
 
 namespace mirels {
 
@@ -19,7 +23,7 @@ namespace mirels {
 ///
 /// Taking the lock again on the thread that holds it deadlocks. Satisfies the standard Lockable
 /// requirements, so it works with `std::lock_guard` and `std::unique_lock`.
-class UnfairLock {
+class MIRELS_EXPORT UnfairLock {
   public:
     constexpr UnfairLock() noexcept = default;
     ~UnfairLock() = default;

@@ -1,5 +1,8 @@
 #pragma once
 
+// `UniqueFunction`: the library's stored-callback type, a move-only type-erased callable with
+// inline storage for small captures.
+
 #include <cstddef>
 #include <functional>
 #include <memory>

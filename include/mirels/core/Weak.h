@@ -1,5 +1,7 @@
 #pragma once
 
+// `Weak`: a box holding a weak reference.
+
 #include <memory>
 
 namespace mirels {

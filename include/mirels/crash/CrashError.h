@@ -1,11 +1,15 @@
 #pragma once
 
-#include "mirels/errors/CrashReportError.h"
+// `CrashError`: the fallback explanation of a crash, when no crash-text parser recognises the
+// report.
+
+#include "mirels/Export.h"
+#include "mirels/crash/CrashReportError.h"
 
 namespace mirels {
 
 /// The fallback explanation of a crash, when no crash-text parser recognises the report.
-class CrashError final : public CrashReportError {
+class MIRELS_EXPORT CrashError final : public CrashReportError {
   public:
     explicit CrashError(CrashReport crashReport) : CrashReportError(std::move(crashReport)) {}
 

@@ -1,5 +1,7 @@
 #pragma once
 
+// `CrashReport`: one crash report of a crashed process.
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -7,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/collections/OrderedDictionary.h"
 #include "mirels/plist/Json.h"
 #include "mirels/plist/PlistValue.h"
@@ -27,7 +30,7 @@ class CrashReportError;
 ///   "logFilePath" optional string.
 /// Optional keys that are absent or `null` read as absent. The "asi" entries keep the order of
 /// the text. Decoding errors name the key path (`JsonDecodingError`).
-class CrashReport final : public StructuredStringConvertible {
+class MIRELS_EXPORT CrashReport final : public StructuredStringConvertible {
   public:
     /// One frame of the crashing thread. JSON keys equal the field names; "symbol" and
     /// "symbolLocation" are optional.
@@ -98,7 +101,7 @@ class CrashReport final : public StructuredStringConvertible {
     /// are left out, as the report is read by people).
     static std::string dateText(PlistDate date);
 
-    friend bool operator==(const CrashReport& a, const CrashReport& b);
+    friend MIRELS_EXPORT bool operator==(const CrashReport& a, const CrashReport& b);
 
   private:
     std::string name_;

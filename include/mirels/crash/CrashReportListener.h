@@ -1,5 +1,8 @@
 #pragma once
 
+// `CrashReportListener`: hands out the next crash report of a process as it appears in a folder of
+// crash reports. Also `CrashReportListenerError`.
+
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -7,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "mirels/Export.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/crash/CrashReport.h"
@@ -36,7 +40,7 @@ namespace mirels {
 ///
 /// The default folder is `$XDG_STATE_HOME/mirels/crash-reports` (`$XDG_STATE_HOME` defaults to
 /// `$HOME/.local/state`); it is created (mode 0700) when missing.
-class CrashReportListener {
+class MIRELS_EXPORT CrashReportListener {
   public:
     /// The largest report file that is read (4 MiB); larger files are skipped and logged.
     static constexpr std::size_t maximumReportSize = std::size_t{4} << 20;
@@ -79,7 +83,7 @@ class CrashReportListener {
 };
 
 /// The crash-report folder could not be watched.
-class CrashReportListenerError final : public HumanReadableError {
+class MIRELS_EXPORT CrashReportListenerError final : public HumanReadableError {
   public:
     CrashReportListenerError(std::string folder, std::string reason)
         : folder_(std::move(folder)), reason_(std::move(reason)) {}

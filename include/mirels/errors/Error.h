@@ -1,5 +1,7 @@
 #pragma once
 
+// `Error`: a failure as a value.
+
 #include <concepts>
 #include <exception>
 #include <memory>
@@ -10,6 +12,8 @@
 #include <type_traits>
 #include <typeinfo>
 #include <utility>
+
+#include "mirels/Export.h"
 
 namespace mirels {
 
@@ -31,7 +35,7 @@ struct IsSharedHumanReadableError<std::shared_ptr<T>>
 /// answers `as<T>()`, `exception()` and `humanReadableError()` without throwing. One made from an
 /// `std::exception_ptr` (for example `Error::current()` inside `catch (...)`) learns its type
 /// once, when it is made.
-class Error {
+class MIRELS_EXPORT Error {
   public:
     /// Holds a copy (or the moved value) of `error`, which may be of any type.
     ///
@@ -173,5 +177,12 @@ class Error {
 
     std::shared_ptr<const Box> box_;
 };
+
+/// Streams `description()`. A template on exactly `Error`, so that streaming another type never
+/// converts it into an error through the converting constructor.
+template <std::same_as<Error> E>
+std::ostream& operator<<(std::ostream& stream, const E& error) {
+    return stream << error.description();
+}
 
 }  // namespace mirels

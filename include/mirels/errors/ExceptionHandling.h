@@ -1,5 +1,7 @@
 #pragma once
 
+#include "mirels/Export.h"
+
 // The one boundary at which exceptions of the platform's exception class, `std::exception` and
 // its subclasses that are not library errors, become error values. Library errors (everything
 // derived from `HumanReadableError`), platform errors and every other thrown object pass through
@@ -30,7 +32,7 @@ inline constexpr std::string_view mirelsExceptionErrorDomain =
 /// An exception with an explicit name and reason, for code that raises exceptions the way the
 /// platform's runtime does. The bridge takes its name as the exception's name; for any other
 /// `std::exception` the name is its unqualified dynamic type name and the reason its `what()`.
-class NamedException : public std::exception {
+class MIRELS_EXPORT NamedException : public std::exception {
   public:
     NamedException(std::string name, std::string reason)
         : name_(std::move(name)), reason_(std::move(reason)) {}
@@ -47,7 +49,7 @@ class NamedException : public std::exception {
 /// A caught exception as an error value: domain `mirelsExceptionErrorDomain`, code 0, and
 /// exactly two user-info entries, the localized description = the exception's name and the
 /// localized failure reason = its reason. It keeps the caught exception.
-class QKExceptionError : public PlatformError {
+class MIRELS_EXPORT QKExceptionError : public PlatformError {
   public:
     /// Builds the error from a caught exception (`std::current_exception()` in a `catch`).
     explicit QKExceptionError(const std::exception_ptr& exception);
@@ -80,7 +82,7 @@ class QKExceptionError : public PlatformError {
 };
 
 /// The exception-handling errors.
-class QKExceptionHandlingError final : public HumanReadableError {
+class MIRELS_EXPORT QKExceptionHandlingError final : public HumanReadableError {
   public:
     enum class Code { neitherRaisedExceptionNorReturnedValue };
 

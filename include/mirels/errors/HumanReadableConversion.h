@@ -1,5 +1,7 @@
 #pragma once
 
+#include "mirels/Export.h"
+
 // Turning any error into a `HumanReadableError`, chaining errors, and the conformers that the
 // conversion produces.
 
@@ -11,7 +13,7 @@
 #include <typeinfo>
 
 #include "mirels/core/Callsite.h"
-#include "mirels/core/CallsiteError.h"
+#include "mirels/errors/CallsiteError.h"
 #include "mirels/errors/Error.h"
 #include "mirels/errors/HumanReadableError.h"
 #include "mirels/errors/PlatformError.h"
@@ -29,36 +31,36 @@ using HumanReadableErrorRef = std::shared_ptr<const HumanReadableError>;
 ///    the human-readable form of its underlying error when it has one;
 /// 4. otherwise a `HumanReadableSwiftError`.
 /// Never fails.
-HumanReadableErrorRef humanReadable(const Error& error);
+MIRELS_EXPORT HumanReadableErrorRef humanReadable(const Error& error);
 /// The same for a thrown object, which must not be null.
-HumanReadableErrorRef humanReadable(std::exception_ptr thrown);
+MIRELS_EXPORT HumanReadableErrorRef humanReadable(std::exception_ptr thrown);
 
 /// The error's own `errorTypeDescription` when it is human-readable, else the unqualified name of
 /// its dynamic type.
-std::string errorTypeDescription(const Error& error);
+MIRELS_EXPORT std::string errorTypeDescription(const Error& error);
 
 /// `main` with `underlying` as its cause: `main` itself when `underlying` is absent, else an
 /// `UnderlyingErrorWrapper` of the human-readable forms of both.
-Error withUnderlying(const Error& main, const std::optional<Error>& underlying);
-HumanReadableErrorRef withUnderlying(HumanReadableErrorRef main,
-                                     const std::optional<Error>& underlying);
+MIRELS_EXPORT Error withUnderlying(const Error& main, const std::optional<Error>& underlying);
+MIRELS_EXPORT HumanReadableErrorRef withUnderlying(HumanReadableErrorRef main,
+                                                   const std::optional<Error>& underlying);
 
 /// The full diagnostics of a list of errors, as accumulating errors print it: "Error <n>:\n"
 /// and each error's text indented by three spaces, separated by a line of 30 equals signs.
-std::string accumulatedDiagnosticsOutput(std::span<const Error> errors);
+MIRELS_EXPORT std::string accumulatedDiagnosticsOutput(std::span<const Error> errors);
 
 /// The packed human-readable error inside `error`'s user info, or null when it carries none. A
 /// damaged one is logged ("Invalid HumanReadableError serialization: ...") and gives null too.
-HumanReadableErrorRef deserializeHumanReadableError(const PlatformError& error);
+MIRELS_EXPORT HumanReadableErrorRef deserializeHumanReadableError(const PlatformError& error);
 
 /// An error as a platform error object: a platform error itself, else an error whose domain is
 /// the unqualified name of its type, with code 1 and an empty user info.
-PlatformError bridgeToPlatformError(const Error& error);
+MIRELS_EXPORT PlatformError bridgeToPlatformError(const Error& error);
 
 /// A main error and the error that caused it. Every answer comes from the two parts: titles and
 /// options from the main error when it has them, else from the underlying one; the full
 /// diagnostics show the underlying error's text below the main one, indented with "|  ".
-class UnderlyingErrorWrapper final : public HumanReadableError {
+class MIRELS_EXPORT UnderlyingErrorWrapper final : public HumanReadableError {
   public:
     /// Both must be non-null.
     UnderlyingErrorWrapper(HumanReadableErrorRef main, HumanReadableErrorRef underlying);
@@ -90,7 +92,7 @@ class UnderlyingErrorWrapper final : public HumanReadableError {
 };
 
 /// Any other error value, shown by its type and its default textual rendering. Not native.
-class HumanReadableSwiftError final : public HumanReadableError {
+class MIRELS_EXPORT HumanReadableSwiftError final : public HumanReadableError {
   public:
     explicit HumanReadableSwiftError(Error error);
 
@@ -111,7 +113,7 @@ class HumanReadableSwiftError final : public HumanReadableError {
 /// A platform error object shown by its texts: its localized description as the title, its
 /// recovery suggestion as the info and its domain, code and other user-info entries as the
 /// diagnostics. Not native.
-class HumanReadableNSError final : public HumanReadableError {
+class MIRELS_EXPORT HumanReadableNSError final : public HumanReadableError {
   public:
     /// `error` must hold a `PlatformError`.
     explicit HumanReadableNSError(Error error);
@@ -135,7 +137,7 @@ class HumanReadableNSError final : public HumanReadableError {
 
 /// A human-readable error rebuilt from its packed form in another process: the six stored values
 /// and nothing else.
-class RemoteHumanReadableError final : public HumanReadableError {
+class MIRELS_EXPORT RemoteHumanReadableError final : public HumanReadableError {
   public:
     struct Values {
         std::optional<std::string> highValueTitle;
@@ -165,7 +167,7 @@ class RemoteHumanReadableError final : public HumanReadableError {
 
 /// `error`'s human-readable form with a `CallsiteError` for `callsite` attached as its underlying
 /// error, so that the trail's title names the place the error passed through.
-UnderlyingErrorWrapper trackingCallsite(const Error& error,
-                                        Callsite callsite = Callsite::current());
+MIRELS_EXPORT UnderlyingErrorWrapper trackingCallsite(const Error& error,
+                                                      Callsite callsite = Callsite::current());
 
 }  // namespace mirels

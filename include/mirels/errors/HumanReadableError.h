@@ -1,5 +1,19 @@
 #pragma once
 
+// `HumanReadableError`: an error that can be shown to a person.
+//
+// Example:
+//
+//     class ExportFailed final : public HumanReadableError {
+//       public:
+//         std::optional<std::string> highValueTitle() const override { return "Could not export"; }
+//         std::optional<std::string> additionalInfo() const override { return std::nullopt; }
+//         std::optional<std::string> additionalDiagnostics() const override {
+//             return std::nullopt;
+//         }
+//     };
+//     Error failure = withUnderlying(ExportFailed(), Error::current());  // inside a catch block
+
 #include <atomic>
 #include <cstddef>
 #include <exception>
@@ -7,12 +21,14 @@
 #include <string>
 #include <string_view>
 
+#include "mirels/Export.h"
 #include "mirels/errors/DiagnosticsCollector.h"
 #include "mirels/errors/HumanReadableErrorOptions.h"
-#include "mirels/errors/PlatformError.h"
-#include "mirels/plist/PropertyList.h"
 
 namespace mirels {
+
+class PlatformError;
+class PropertyList;
 
 /// The deepest packed error (`plistRepresentation`): a leaf is one level and each wrapper of a
 /// main and an underlying error adds one. Packing, writing (XML or binary) and reading all accept
@@ -28,7 +44,7 @@ inline constexpr std::size_t maximumSerializedErrorDepth = 510;
 ///
 /// Conformers supply `additionalInfo` and `additionalDiagnostics`; every other operation has a
 /// default. Errors are values: derived classes are copyable, and copies share nothing.
-class HumanReadableError : public std::exception {
+class MIRELS_EXPORT HumanReadableError : public std::exception {
   public:
     ~HumanReadableError() override;
 

@@ -1,14 +1,16 @@
 #pragma once
 
+// `HumanReadableErrorOptions`: presentation flags of a human-readable error.
+
 #include <cstdint>
 
-#include "mirels/plist/PropertyList.h"
+#include "mirels/Export.h"
 
 namespace mirels {
 
 /// Presentation flags of a human-readable error. The bit values cross process boundaries as
 /// integers, so they never change; bit 1 is deliberately unassigned.
-struct HumanReadableErrorOptions {
+struct MIRELS_EXPORT HumanReadableErrorOptions {
     std::intptr_t rawValue = 0;
 
     static const HumanReadableErrorOptions showCrashLogsButton;
@@ -37,17 +39,5 @@ struct HumanReadableErrorOptions {
 inline constexpr HumanReadableErrorOptions HumanReadableErrorOptions::showCrashLogsButton{2};
 inline constexpr HumanReadableErrorOptions HumanReadableErrorOptions::showTitleOnly{4};
 inline constexpr HumanReadableErrorOptions HumanReadableErrorOptions::generatesLiveIssues{8};
-
-/// Options are stored as their raw bits; every integer is a valid option set.
-template <>
-struct PropertyListTraits<HumanReadableErrorOptions> {
-    using PropertyListType = std::intptr_t;
-    static std::intptr_t propertyListValue(HumanReadableErrorOptions options) noexcept {
-        return options.rawValue;
-    }
-    static HumanReadableErrorOptions fromPropertyListValue(std::intptr_t rawValue) noexcept {
-        return HumanReadableErrorOptions{rawValue};
-    }
-};
 
 }  // namespace mirels

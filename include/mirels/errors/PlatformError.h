@@ -1,5 +1,7 @@
 #pragma once
 
+// `PlatformError`: the error object that services and processes exchange. Also `formatErrorText()`.
+
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -9,8 +11,9 @@
 #include <string_view>
 #include <variant>
 
+#include "mirels/Export.h"
 #include "mirels/errors/Error.h"
-#include "mirels/platform/Log.h"
+#include "mirels/platform/Format.h"
 #include "mirels/plist/PlistValue.h"
 #include "mirels/plist/PropertyList.h"
 
@@ -26,7 +29,7 @@ inline constexpr std::string_view mirelsErrorDomain = "org.mirels.foundation";
 ///
 /// A value type; it derives from `std::exception` so that it can be thrown, and `what()` is its
 /// localized description.
-class PlatformError : public std::exception {
+class MIRELS_EXPORT PlatformError : public std::exception {
   public:
     /// A user-info value: a plain property-list value or a nested error.
     using UserInfoValue = std::variant<PlistValue, Error>;
@@ -88,7 +91,7 @@ class PlatformError : public std::exception {
 
 namespace detail {
 /// `format` with every conversion marked public, so that the log renderer prints every argument.
-std::string publicFormat(std::string_view format);
+MIRELS_EXPORT std::string publicFormat(std::string_view format);
 }  // namespace detail
 
 /// Renders a printf-style format type-safely from C++ arguments: the argument's own type decides

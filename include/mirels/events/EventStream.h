@@ -1,5 +1,15 @@
 #pragma once
 
+// `EventStream`: the library's push channel, as a value that describes how to subscribe.
+//
+// Example:
+//
+//     auto titles = EventStream<std::string>::Sink::create();
+//     std::shared_ptr<CancellationToken> token =
+//         titles->map([](const std::string& t) { return t.size(); })
+//             .observe([](std::size_t length) { std::printf("%zu\n", length); });
+//     titles->send("Notes");  // prints 5; token->cancel() ends the observation
+
 #include <atomic>
 #include <concepts>
 #include <cstddef>

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "mirels/Export.h"
+
 // The operators every stream-like type offers (`EventStream` and its `Sink`), written once as a
 // mixin over the type's `eventStream()`. Each makes a new stream that holds what it needs (the
 // upstream stream and the caller's function, shared) and does its work per observation: every
@@ -100,10 +102,10 @@ struct SwitchToLatestState {
 namespace detail {
 /// A new inner subscription arrived: keep it and cancel the previous one, or cancel it at once
 /// when the observation is already cancelled. Tokens are cancelled after the lock is released.
-void switchToLatestAdopt(ThreadSafe<SwitchToLatestState>& state,
-                         std::shared_ptr<CancellationToken> token);
+MIRELS_EXPORT void switchToLatestAdopt(ThreadSafe<SwitchToLatestState>& state,
+                                       std::shared_ptr<CancellationToken> token);
 /// The observation ends: mark it cancelled and cancel the current inner subscription.
-void switchToLatestCancel(ThreadSafe<SwitchToLatestState>& state);
+MIRELS_EXPORT void switchToLatestCancel(ThreadSafe<SwitchToLatestState>& state);
 }  // namespace detail
 
 template <class Derived, class E>

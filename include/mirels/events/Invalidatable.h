@@ -1,5 +1,7 @@
 #pragma once
 
+#include "mirels/Export.h"
+
 // Invalidation: the one-way signal that an object is finished and is to be let go.
 //
 // An object that can be invalidated owns an `InvalidationHandle`. Invalidating the handle fires
@@ -45,7 +47,7 @@ class MinimallyInvalidatable {
 /// `invalidate` is final: invalidating the object and invalidating its handle must be the same
 /// thing, because bindings and tracking invalidate handles directly. Work that must happen on
 /// invalidation belongs in an observer of the object's own handle (`onInvalidation`).
-class Invalidatable : public MinimallyInvalidatable {
+class MIRELS_EXPORT Invalidatable : public MinimallyInvalidatable {
   public:
     /// The handle that carries this object's invalidation.
     virtual InvalidationHandle& invalidationHandle() const = 0;
@@ -93,8 +95,9 @@ class Invalidatable : public MinimallyInvalidatable {
 /// The tracer's lock is the one lock of the library held while callers' code runs: a cascade
 /// must see only its own invalidations on the stack, so cascades on different threads take
 /// turns. An observer must therefore not wait for another thread that invalidates.
-class InvalidationHandle final : public Invalidatable,
-                                 public std::enable_shared_from_this<InvalidationHandle> {
+class MIRELS_EXPORT InvalidationHandle final
+    : public Invalidatable,
+      public std::enable_shared_from_this<InvalidationHandle> {
     struct Key {
         explicit Key() = default;
     };
@@ -182,7 +185,8 @@ class InvalidationHandle final : public Invalidatable,
 /// Binds `object` and each of `others` together: for each other object in order, `object`
 /// tracks it and then it tracks `object`. Invalidating any of them therefore invalidates all.
 /// Each binding holds the other handle only until the invalidation.
-void bindInvalidation(const Invalidatable& object, std::span<const Invalidatable* const> others);
+MIRELS_EXPORT void bindInvalidation(const Invalidatable& object,
+                                    std::span<const Invalidatable* const> others);
 
 /// The variadic form of `bindInvalidation`.
 template <class... Others>
@@ -191,5 +195,14 @@ void bindInvalidation(const Invalidatable& object, const Others&... others) {
     const Invalidatable* const list[] = {static_cast<const Invalidatable*>(&others)..., nullptr};
     bindInvalidation(object, std::span<const Invalidatable* const>(list, sizeof...(Others)));
 }
+
+/// Hands `token` to `handle`: the handle cancels it when it is invalidated, or at once when it
+/// has been already. The token must then not be cancelled elsewhere (a second cancel is reported
+/// as always).
+MIRELS_EXPORT void manage(std::shared_ptr<CancellationToken> token, InvalidationHandle& handle);
+
+/// Cancels `token` when `object` is invalidated: `manage` with the object's handle.
+MIRELS_EXPORT void trackInvalidation(std::shared_ptr<CancellationToken> token,
+                                     const Invalidatable& object);
 
 }  // namespace mirels

@@ -1,5 +1,8 @@
 #pragma once
 
+// `ObjcSingleFireEvent`: the single-fire latch for callers that cannot hold a `std::shared_ptr` or
+// a token. Also `QKObjCSingleFireEvent`.
+
 #include <memory>
 
 #include "mirels/events/SingleFireEvent.h"

@@ -1,5 +1,8 @@
 #pragma once
 
+// `Observable`: one value whose every change is published as an event stream (used like a property
+// wrapper.
+
 #include <memory>
 #include <type_traits>
 #include <utility>

@@ -1,5 +1,7 @@
 #pragma once
 
+// `SharedFunction`: a copyable handle to one shared callable; copies call the same object.
+
 #include <atomic>
 #include <cstddef>
 #include <utility>

@@ -1,11 +1,14 @@
 #pragma once
 
+// `SingleFireEvent`: a latch.
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/core/CancellationToken.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/core/UniqueFunction.h"
@@ -28,7 +31,7 @@ class InvalidationHandle;
 /// for takes that one lock and allocates nothing: the future's promise is made on first request.
 ///
 /// A reference type, made with `create()`.
-class SingleFireEvent final : public std::enable_shared_from_this<SingleFireEvent> {
+class MIRELS_EXPORT SingleFireEvent final : public std::enable_shared_from_this<SingleFireEvent> {
     struct Key {
         explicit Key() = default;
     };

@@ -1,5 +1,8 @@
 #pragma once
 
+// `SubscriberCollection`: subscribers in subscription order, each under an `Identifier` from the
+// process-wide counter.
+
 #include <concepts>
 #include <functional>
 #include <memory>

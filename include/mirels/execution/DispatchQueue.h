@@ -1,9 +1,12 @@
 #pragma once
 
+// `DispatchQueue`: a work queue that runs callbacks on the library's worker pools.
+
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "mirels/Export.h"
 #include "mirels/core/UniqueFunction.h"
 #include "mirels/execution/QualityOfService.h"
 #include "mirels/execution/QueueIdentifier.h"
@@ -28,7 +31,7 @@ namespace mirels {
 ///
 /// Callbacks must not throw: an exception escaping a callback ends the process
 /// (`std::terminate`), like one escaping a thread's function.
-class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
+class MIRELS_EXPORT DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   public:
     enum class Kind : std::uint8_t { serial, concurrent };
 

@@ -1,5 +1,8 @@
 #pragma once
 
+// `ExecutionExclusivity`: what the calling thread may do with a value that some tracker guards.
+// Also `ExecutionExclusivityTracking`.
+
 #include <cstdint>
 
 namespace mirels {

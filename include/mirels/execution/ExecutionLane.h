@@ -1,5 +1,13 @@
 #pragma once
 
+// `ExecutionLane`: where a callback runs.
+//
+// Example:
+//
+//     ExecutionLane lane = ExecutionLane::queue("org.example.ledger", QualityOfService::utility);
+//     lane.execute([] { /* runs on the lane's serial queue, one callback at a time */ });
+//     ExecutionLane::main().execute([] { /* runs on the main thread */ });
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -8,6 +16,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "mirels/Export.h"
 #include "mirels/core/UniqueFunction.h"
 #include "mirels/execution/DispatchQueue.h"
 #include "mirels/execution/MainQueue.h"
@@ -34,7 +43,7 @@ namespace mirels {
 /// some copy of the lane or some callback submitted to it. Lanes are equal when they are of the
 /// same case and, for queue lanes, name the same queue. The lanes hold no lock; `execute` and
 /// `isCurrent` may be called from any thread.
-class ExecutionLane {
+class MIRELS_EXPORT ExecutionLane {
   public:
     enum class Kind : std::uint8_t { any, main, queue };
 

@@ -1,7 +1,10 @@
 #pragma once
 
+// `MainQueue`: the process's main queue.
+
 #include <cstddef>
 
+#include "mirels/Export.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/TimePeriod.h"
 #include "mirels/core/UniqueFunction.h"
@@ -22,7 +25,7 @@ namespace mirels {
 /// - `stop` may be called from any thread.
 ///
 /// Callbacks must not throw: an exception escaping a callback ends the process.
-class MainQueue {
+class MIRELS_EXPORT MainQueue {
   public:
     MainQueue() = delete;
 

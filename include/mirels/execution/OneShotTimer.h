@@ -1,7 +1,11 @@
 #pragma once
 
+// `OneShotTimer`: a callback that runs once on the background queue after a delay, unless cancelled
+// first.
+
 #include <cstdint>
 
+#include "mirels/Export.h"
 #include "mirels/core/TimePeriod.h"
 #include "mirels/core/UniqueFunction.h"
 
@@ -26,7 +30,7 @@ struct TimerEntry;
 ///
 /// `OneShotTimer` is a handle: copies refer to the same timer. Dropping every handle does not
 /// cancel the timer.
-class OneShotTimer {
+class MIRELS_EXPORT OneShotTimer {
   public:
     enum class State : std::uint8_t {
         /// Neither fired nor cancelled yet.

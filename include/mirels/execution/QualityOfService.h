@@ -1,6 +1,11 @@
 #pragma once
 
+// `QualityOfService`: how urgent the work of a queue is. Also `name()`.
+
 #include <cstdint>
+#include <ostream>
+
+#include "mirels/Export.h"
 
 namespace mirels {
 
@@ -23,6 +28,11 @@ enum class QualityOfService : std::uint8_t {
 };
 
 /// The lower-camel-case name of the class, such as "userInitiated" or "standard".
-const char* name(QualityOfService qos) noexcept;
+MIRELS_EXPORT const char* name(QualityOfService qos) noexcept;
+
+/// Streams `name(qos)`.
+inline std::ostream& operator<<(std::ostream& stream, QualityOfService qos) {
+    return stream << name(qos);
+}
 
 }  // namespace mirels

@@ -1,5 +1,7 @@
 #pragma once
 
+// `QueueIdentifier`: the tag by which a queue recognises itself.
+
 #include <cstdint>
 #include <functional>
 

@@ -1,9 +1,12 @@
 #pragma once
 
+// `Thread`: the object that stands for one thread of the process.
+
 #include <sys/types.h>
 
 #include <memory>
 
+#include "mirels/Export.h"
 #include "mirels/execution/ExecutionExclusivity.h"
 
 namespace mirels {
@@ -14,7 +17,7 @@ namespace mirels {
 ///
 /// As an exclusivity tracker, a thread grants `exclusive` access to itself and `none` to every
 /// other thread, never `shared`: state confined to one thread is guarded by that thread's object.
-class Thread final : public ExecutionExclusivityTracking {
+class MIRELS_EXPORT Thread final : public ExecutionExclusivityTracking {
     struct Passkey {
         explicit Passkey() = default;
     };

@@ -1,9 +1,13 @@
 #pragma once
 
+// `AccumulatedError`: the errors of several failures together, in the order of the elements that
+// failed.
+
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/errors/Error.h"
 #include "mirels/errors/HumanReadableError.h"
 
@@ -15,7 +19,7 @@ namespace mirels {
 /// Its title is the first title that one of its errors supplies, else "multiple errors
 /// encountered". Its full diagnostics list every error's own full diagnostics, numbered and
 /// indented, separated by a line of equals signs.
-class AccumulatedError final : public HumanReadableError {
+class MIRELS_EXPORT AccumulatedError final : public HumanReadableError {
   public:
     explicit AccumulatedError(std::vector<Error> errors) : errors_(std::move(errors)) {}
 

@@ -1,5 +1,8 @@
 #pragma once
 
+// `ConcurrentFutureCache`: starts one asynchronous computation per key at most once, however many
+// threads ask at the same time, and gives every caller the same future for that key.
+
 #include <functional>
 #include <memory>
 #include <optional>

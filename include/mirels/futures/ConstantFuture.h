@@ -1,5 +1,7 @@
 #pragma once
 
+// `ConstantFuture`: a future finished at construction with a fixed termination.
+
 #include <memory>
 #include <utility>
 

@@ -1,5 +1,7 @@
 #pragma once
 
+// `FlatMapFuture`: a future that chains a second asynchronous step.
+
 #include <atomic>
 #include <cstdint>
 #include <memory>

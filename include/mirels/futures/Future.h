@@ -1,5 +1,15 @@
 #pragma once
 
+// `Future`: a handle on a future. Also `TimeoutErrorMaker`, `FutureTerminationCases`,
+// `AbstractFuture`, `FutureAndPromise`, `future()`.
+//
+// Example:
+//
+//     auto [future, promise] = Future<int>::create();
+//     queue->async([promise] { promise.succeed(42); });
+//     Future<std::string> text = future.mapSuccess([](int n) { return std::to_string(n); });
+//     auto token = text.observeSuccess([](const std::string& s) { std::puts(s.c_str()); });
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -14,18 +24,20 @@
 #include "mirels/core/Assertions.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/FatalError.h"
-#include "mirels/core/Result.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/core/TimePeriod.h"
 #include "mirels/core/UniqueFunction.h"
-#include "mirels/core/Unreachable.h"
 #include "mirels/errors/Error.h"
+#include "mirels/errors/Result.h"
+#include "mirels/errors/Unreachable.h"
 #include "mirels/execution/ExecutionLane.h"
 #include "mirels/futures/FutureTermination.h"
 #include "mirels/futures/detail/FutureCallsites.h"
 #include "mirels/futures/detail/FutureCore.h"
 
 namespace mirels {
+
+class Scheduler;
 
 template <class T>
 class Future;
@@ -703,6 +715,15 @@ class Future {
                               Callsite callsite = Callsite::current()) const;
     /// `timeout` with no leeway, failing with `TimeoutError::timedOut(after)`.
     Future<Result<T>> timeout(double after, Callsite callsite = Callsite::current()) const;
+    /// `timeout` timed by `scheduler` instead of the background queue's timer (a
+    /// `StepScheduler` lets a test time out without waiting).
+    Future<Result<T>> timeout(double after, TimePeriod leeway, TimeoutErrorMaker timeoutError,
+                              const std::shared_ptr<Scheduler>& scheduler,
+                              Callsite callsite = Callsite::current()) const;
+    /// `timeout` timed by `scheduler`, with no leeway, failing with
+    /// `TimeoutError::timedOut(after)`.
+    Future<Result<T>> timeout(double after, const std::shared_ptr<Scheduler>& scheduler,
+                              Callsite callsite = Callsite::current()) const;
 
     // --- coroutines ---
 

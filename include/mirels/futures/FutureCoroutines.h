@@ -1,5 +1,7 @@
 #pragma once
 
+// `FutureAwaitable`: what `co_await future` and `co_await future.on(lane)` wait on.
+
 #include <coroutine>
 #include <exception>
 #include <memory>

@@ -1,5 +1,7 @@
 #pragma once
 
+// `FutureSerialQueue`: runs asynchronous operations one at a time, in the order they were enqueued.
+
 #include <cstdint>
 #include <deque>
 #include <memory>

@@ -1,23 +1,27 @@
 #pragma once
 
+// `FutureTermination`: how a future ended. Also `FutureCanceled`, `FutureValue`, `FutureState`.
+
 #include <new>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <type_traits>
 #include <utility>
 #include <variant>
 
+#include "mirels/Export.h"
 #include "mirels/core/Callsite.h"
-#include "mirels/core/Result.h"
 #include "mirels/core/TypeName.h"
 #include "mirels/errors/Error.h"
 #include "mirels/errors/HumanReadableError.h"
+#include "mirels/errors/Result.h"
 
 namespace mirels {
 
 /// What a canceled future reports to observers that expect a success-or-failure result: the
 /// operation was canceled, from `callsite`.
-class FutureCanceled final : public HumanReadableError {
+class MIRELS_EXPORT FutureCanceled final : public HumanReadableError {
   public:
     explicit FutureCanceled(Callsite callsite) noexcept : callsite_(callsite) {}
 
@@ -288,6 +292,12 @@ class FutureTermination {
     bool canceled_;
 };
 
+/// Streams `description()`: the case and, when succeeded, the value type.
+template <class T>
+std::ostream& operator<<(std::ostream& stream, const FutureTermination<T>& value) {
+    return stream << value.description();
+}
+
 /// Where a future stands: running, or finished with a termination. A snapshot: it may be out of
 /// date as soon as it is read.
 template <class T>
@@ -340,5 +350,11 @@ class FutureState {
 
     std::optional<FutureTermination<T>> termination_;
 };
+
+/// Streams `description()`: "running" or the termination's description.
+template <class T>
+std::ostream& operator<<(std::ostream& stream, const FutureState<T>& value) {
+    return stream << value.description();
+}
 
 }  // namespace mirels

@@ -1,5 +1,7 @@
 #pragma once
 
+// `MapFuture`: a future of what a transform makes of another future's result.
+
 #include <atomic>
 #include <memory>
 #include <optional>

@@ -1,5 +1,7 @@
 #pragma once
 
+// `PromiseFuture`: the future behind a `Promise`. Also `Promise`.
+
 #include <memory>
 #include <new>
 #include <optional>
@@ -7,6 +9,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "mirels/Export.h"
 #include "mirels/core/Assertions.h"
 #include "mirels/errors/HumanReadableError.h"
 #include "mirels/execution/DispatchQueue.h"
@@ -16,7 +19,7 @@ namespace mirels {
 
 namespace detail {
 /// "Future cannot transition from <from> to <to>."
-std::string transitionErrorText(const std::string& from, const std::string& to);
+MIRELS_EXPORT std::string transitionErrorText(const std::string& from, const std::string& to);
 }  // namespace detail
 
 /// The future behind a `Promise`: the one kind whose termination is set from outside.

@@ -1,5 +1,8 @@
 #pragma once
 
+// `invert()`: the list of values when every result succeeded, else the first failure in order. Also
+// `invertAndAccumulateErrors()`, `traverse()`, `traverseAndAccumulateErrors()`.
+
 #include <cstddef>
 #include <iterator>
 #include <ranges>
@@ -7,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "mirels/core/Result.h"
+#include "mirels/errors/Result.h"
 #include "mirels/futures/AccumulatedError.h"
 #include "mirels/futures/FutureTermination.h"
 

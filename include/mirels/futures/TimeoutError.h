@@ -1,8 +1,11 @@
 #pragma once
 
+// `TimeoutError`: the library's time-out error. Also `effectiveTimeout()`.
+
 #include <optional>
 #include <string>
 
+#include "mirels/Export.h"
 #include "mirels/core/UniqueFunction.h"
 #include "mirels/errors/Error.h"
 #include "mirels/errors/HumanReadableError.h"
@@ -15,7 +18,7 @@ namespace mirels {
 /// says what was awaited ("Timed out waiting for the agent after 5.0 seconds."). The interval
 /// is written as the shortest decimal text that reads back as the same number, a whole number
 /// with a trailing ".0". The title is also the error's description (`what()`).
-class TimeoutError final : public HumanReadableError {
+class MIRELS_EXPORT TimeoutError final : public HumanReadableError {
   public:
     /// Timed out after `interval` seconds.
     static TimeoutError timedOut(double interval);
@@ -52,6 +55,6 @@ class TimeoutError final : public HumanReadableError {
 /// "QK_TIMEOUT" when it is set to a number, for every time-out alike (neither a factor nor a
 /// minimum), else `timeout` itself. The variable is read once per process; its whole text must
 /// be a number as the "C" locale writes one, with no leading blank.
-double effectiveTimeout(double timeout);
+MIRELS_EXPORT double effectiveTimeout(double timeout);
 
 }  // namespace mirels

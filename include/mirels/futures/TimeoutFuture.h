@@ -1,5 +1,7 @@
 #pragma once
 
+// `TimeoutFuture`: a future that is sure to finish.
+
 #include <chrono>
 #include <cmath>
 #include <memory>
@@ -8,6 +10,7 @@
 
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/execution/OneShotTimer.h"
+#include "mirels/execution/Scheduler.h"
 #include "mirels/futures/ConstantFuture.h"
 #include "mirels/futures/Future.h"
 #include "mirels/futures/TimeoutError.h"
@@ -40,8 +43,8 @@ inline TimePeriod secondsPeriod(double seconds) {
 ///
 /// The first of three events wins, by one write of the activity under its lock: the timer
 /// firing, the watched future finishing, or a cancel of this future. The others then do
-/// nothing. The timer runs on the default background queue and holds this future weakly: a
-/// time-out that nobody holds any more is never finished by its timer.
+/// nothing. The timer runs on the default background queue, or on the scheduler given, and holds
+/// this future weakly: a time-out that nobody holds any more is never finished by its timer.
 template <class T>
 class TimeoutFuture final : public AbstractFuture<Result<T>> {
     struct Key {
@@ -50,19 +53,29 @@ class TimeoutFuture final : public AbstractFuture<Result<T>> {
     struct Running {
         Future<T> watched;
         OneShotTimer timer;
+        // The scheduler's action when a scheduler times it: cancelled exactly once, by whoever
+        // ends the activity (or by `create`, when the activity ended before it was stored).
+        std::shared_ptr<CancellationToken> token;
+
+        void stopTimer() {
+            timer.cancel();
+            if (token) std::exchange(token, nullptr)->cancel();
+        }
     };
 
   public:
     TimeoutFuture(Key, Future<T> watched, double interval, TimeoutErrorMaker makeTimeoutError,
                   Callsite callsite)
         : AbstractFuture<Result<T>>(callsite),
-          activity_(Running{std::move(watched), OneShotTimer()}),
+          activity_(Running{std::move(watched), OneShotTimer(), nullptr}),
           interval_(interval),
           makeTimeoutError_(std::move(makeTimeoutError)) {}
 
+    /// A time-out on the default background queue's timer, or on `scheduler` when one is given.
     static Future<Result<T>> create(Future<T> watched, double interval, TimePeriod leeway,
                                     TimeoutErrorMaker makeTimeoutError,
-                                    Callsite callsite = Callsite::current()) {
+                                    Callsite callsite = Callsite::current(),
+                                    const std::shared_ptr<Scheduler>& scheduler = nullptr) {
         // A watched future that has finished already needs no timer at all.
         if (const FutureTermination<T>* termination = watched.terminationIfFinished()) {
             return ConstantFuture<Result<T>>::create(detail::timeoutTermination(*termination),
@@ -70,17 +83,28 @@ class TimeoutFuture final : public AbstractFuture<Result<T>> {
         }
         auto self = std::make_shared<TimeoutFuture>(Key{}, watched, interval,
                                                     std::move(makeTimeoutError), callsite);
-        OneShotTimer timer = OneShotTimer::schedule(detail::secondsPeriod(interval), leeway,
-                                                    [weak = std::weak_ptr<TimeoutFuture>(self)] {
-                                                        if (auto timeout = weak.lock())
-                                                            timeout->handleFire();
-                                                    });
-        const bool kept = self->activity_.syncWrite([&](std::optional<Running>& running) {
-            if (!running) return false;
-            running->timer = timer;
-            return true;
-        });
-        if (!kept) timer.cancel();  // fired already
+        auto fire = [weak = std::weak_ptr<TimeoutFuture>(self)] {
+            if (auto timeout = weak.lock()) timeout->handleFire();
+        };
+        if (scheduler) {
+            std::shared_ptr<CancellationToken> token = scheduler->scheduleAfter(
+                detail::secondsPeriod(interval), leeway, std::move(fire), callsite);
+            const bool kept = self->activity_.syncWrite([&](std::optional<Running>& running) {
+                if (!running) return false;
+                running->token = token;
+                return true;
+            });
+            if (!kept) token->cancel();  // fired or finished already
+        } else {
+            OneShotTimer timer =
+                OneShotTimer::schedule(detail::secondsPeriod(interval), leeway, std::move(fire));
+            const bool kept = self->activity_.syncWrite([&](std::optional<Running>& running) {
+                if (!running) return false;
+                running->timer = timer;
+                return true;
+            });
+            if (!kept) timer.cancel();  // fired already
+        }
         watched.object()->observeFinish([self](const FutureTermination<T>& termination) {
             self->receiveUnderlyingFinish(termination);
         });
@@ -92,7 +116,7 @@ class TimeoutFuture final : public AbstractFuture<Result<T>> {
     void cancel(Callsite callsite) override {
         std::optional<Running> running = take();
         if (!running) return;
-        running->timer.cancel();
+        running->stopTimer();
         running->watched.cancel(callsite);
         this->didFinish(FutureTermination<Result<T>>::canceled(callsite));
     }
@@ -107,6 +131,7 @@ class TimeoutFuture final : public AbstractFuture<Result<T>> {
         std::optional<Running> running = take();
         if (!running) return;
         Future<T> watched = std::move(running->watched);
+        running->stopTimer();  // it has fired: this only settles the scheduler's token
         running.reset();
         Error error = [&] {
             try {
@@ -123,9 +148,11 @@ class TimeoutFuture final : public AbstractFuture<Result<T>> {
         std::optional<Running> running = take();
         if (!running) return;
         OneShotTimer timer = running->timer;
+        std::shared_ptr<CancellationToken> token = std::move(running->token);
         running.reset();
         this->didFinish(detail::timeoutTermination(termination));
         timer.cancel();
+        if (token) token->cancel();
     }
 
     // Running: the watched future and the timer; finished: nothing.
@@ -150,6 +177,24 @@ Future<Result<T>> Future<T>::timeout(double after, TimePeriod leeway, Callsite c
 template <class T>
 Future<Result<T>> Future<T>::timeout(double after, Callsite callsite) const {
     return timeout(after, TimePeriod{}, callsite);
+}
+
+template <class T>
+Future<Result<T>> Future<T>::timeout(double after, TimePeriod leeway,
+                                     TimeoutErrorMaker timeoutError,
+                                     const std::shared_ptr<Scheduler>& scheduler,
+                                     Callsite callsite) const {
+    return TimeoutFuture<T>::create(*this, after, leeway, std::move(timeoutError), callsite,
+                                    scheduler);
+}
+
+template <class T>
+Future<Result<T>> Future<T>::timeout(double after, const std::shared_ptr<Scheduler>& scheduler,
+                                     Callsite callsite) const {
+    return timeout(
+        after, TimePeriod{},
+        [](double interval) { return Error(TimeoutError::timedOut(interval)); }, scheduler,
+        callsite);
 }
 
 }  // namespace mirels

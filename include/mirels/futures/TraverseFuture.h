@@ -1,5 +1,8 @@
 #pragma once
 
+// `TraverseFuture`: a future that waits for every one of a list of futures and gives the list of
+// their values, in element order. Also `invert()`, `traverse()`.
+
 #include <cstddef>
 #include <memory>
 #include <optional>

@@ -1,5 +1,7 @@
 #pragma once
 
+// `UncancelableFuture`: a future that shields another from cancellation.
+
 #include <memory>
 
 #include "mirels/futures/ConstantFuture.h"

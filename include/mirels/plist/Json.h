@@ -1,5 +1,7 @@
 #pragma once
 
+#include "mirels/Export.h"
+
 // Decoding typed values out of JSON text, with errors that name where the document went wrong.
 //
 // `JsonDocument::parse` validates the whole text once (malformed JSON fails there); typed reads
@@ -41,7 +43,7 @@ namespace mirels {
 /// Decoding JSON failed. `path()` is where (empty for the whole document), `message()` says what
 /// was wrong; `additionalInfo` is "path: message" ("frames[3].imageIndex: expected an integer,
 /// found a string").
-class JsonDecodingError final : public HumanReadableError {
+class MIRELS_EXPORT JsonDecodingError final : public HumanReadableError {
   public:
     enum class Kind : std::uint8_t {
         /// The text is not well-formed JSON, or a value breaks a rule of its own type.
@@ -97,7 +99,7 @@ struct JsonHandle {
 }  // namespace detail
 
 /// One value inside a `JsonDocument`, with the path that led to it. Cheap to copy.
-class JsonValue {
+class MIRELS_EXPORT JsonValue {
   public:
     enum class Kind : std::uint8_t { null, boolean, integer, number, string, array, object };
 
@@ -164,7 +166,7 @@ class JsonValue {
 
 /// A JSON object's fields, in the order of the text. Lookups scan the fields; for a repeated
 /// key the first one counts.
-class JsonObject {
+class MIRELS_EXPORT JsonObject {
   public:
     struct Field {
         std::string_view key;
@@ -215,7 +217,7 @@ class JsonObject {
 };
 
 /// A JSON array's elements, in order.
-class JsonArray {
+class MIRELS_EXPORT JsonArray {
   public:
     class Iterator {
       public:
@@ -254,7 +256,7 @@ class JsonArray {
 /// A parsed JSON text. Parsing validates all of it (structure, strings as UTF-8, numbers,
 /// nothing after the value); the document owns its parsed form and does not keep the text.
 /// Movable, not copyable; values read from it are valid while it lives and is not moved from.
-class JsonDocument {
+class MIRELS_EXPORT JsonDocument {
   public:
     /// Parses `text`; malformed JSON throws `JsonDecodingError` (`dataCorrupted`) saying what
     /// the parser found wrong. Nesting deeper than 1024 levels is refused the same way.
@@ -380,7 +382,7 @@ T JsonObject::decode(std::string_view key) const {
 /// strings are escaped as JSON requires (control characters as \u00XX); bytes that are not valid
 /// UTF-8 are written as U+FFFD so that the output always parses. Doubles are written in the
 /// shortest form that reads back as the same number.
-class JsonWriter {
+class MIRELS_EXPORT JsonWriter {
   public:
     JsonWriter& beginObject();
     JsonWriter& endObject();

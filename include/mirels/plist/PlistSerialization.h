@@ -1,5 +1,8 @@
 #pragma once
 
+// `PropertyListSerializationError`: reading or writing a property list failed. Also `toXML()`,
+// `toBinary()`, `parsePropertyList()`, `parsePropertyListDictionary()`.
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -8,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/plist/PlistValue.h"
 #include "mirels/plist/PropertyList.h"
 
@@ -15,7 +19,7 @@ namespace mirels {
 
 /// Reading or writing a property list failed; the message says what was wrong ("empty input",
 /// "not a property list", "nesting deeper than 512 levels", ...).
-class PropertyListSerializationError : public std::runtime_error {
+class MIRELS_EXPORT PropertyListSerializationError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
@@ -38,10 +42,10 @@ inline constexpr std::size_t maximumPropertyListDepth = 512;
 /// `maximumPropertyListDepth`, a string or key that is not valid UTF-8, a NUL or other control
 /// character (XML), a key containing NUL (both forms), a date outside the years 1 to 9999 (XML)
 /// or not a finite number (binary). Whatever is written reads back equal.
-std::string toXML(const PlistValue& value);
+MIRELS_EXPORT std::string toXML(const PlistValue& value);
 
 /// The value as a binary property list ("bplist00"); throws like `toXML`.
-std::vector<std::uint8_t> toBinary(const PlistValue& value);
+MIRELS_EXPORT std::vector<std::uint8_t> toBinary(const PlistValue& value);
 
 /// Reads an XML or binary property list, whichever `bytes` holds. Any input is safe to pass:
 /// anything that is not a well-formed property list of at most `maximumPropertyListDepth`
@@ -49,16 +53,16 @@ std::vector<std::uint8_t> toBinary(const PlistValue& value);
 /// without loss: an integer outside the signed 64-bit range (binary lists may hold unsigned
 /// values up to 2^64-1; they are refused with their value, never wrapped), text that is not
 /// valid UTF-8 or UTF-16, a keyed-archive UID.
-PlistValue parsePropertyList(std::span<const std::uint8_t> bytes);
-PlistValue parsePropertyList(std::string_view text);
+MIRELS_EXPORT PlistValue parsePropertyList(std::span<const std::uint8_t> bytes);
+MIRELS_EXPORT PlistValue parsePropertyList(std::string_view text);
 
 /// A property list's dictionary as an XML or a binary property list; throws like `toXML`.
-std::string toXML(const PropertyList& list);
-std::vector<std::uint8_t> toBinary(const PropertyList& list);
+MIRELS_EXPORT std::string toXML(const PropertyList& list);
+MIRELS_EXPORT std::vector<std::uint8_t> toBinary(const PropertyList& list);
 
 /// Reads an XML or binary property list whose top-level value is a dictionary; throws
 /// `PropertyListSerializationError` like `parsePropertyList`, and for any other top-level value.
-PropertyList parsePropertyListDictionary(std::span<const std::uint8_t> bytes);
-PropertyList parsePropertyListDictionary(std::string_view text);
+MIRELS_EXPORT PropertyList parsePropertyListDictionary(std::span<const std::uint8_t> bytes);
+MIRELS_EXPORT PropertyList parsePropertyListDictionary(std::string_view text);
 
 }  // namespace mirels

@@ -1,11 +1,16 @@
 #pragma once
 
+// `PlistValue`: a dynamically typed plain property-list value. Also `PlistDate`, `plistKindName()`,
+// `describe()`.
+
 #include <cstdint>
 #include <map>
 #include <string>
 #include <string_view>
 #include <variant>
 #include <vector>
+
+#include "mirels/Export.h"
 
 namespace mirels {
 
@@ -71,9 +76,9 @@ using PlistData = PlistValue::Data;
 
 /// The name of a kind as messages print it ("String", "Bool", "Int", "Double", "Data", "Date",
 /// "Array", "Dictionary").
-std::string_view plistKindName(PlistValue::Kind kind) noexcept;
+MIRELS_EXPORT std::string_view plistKindName(PlistValue::Kind kind) noexcept;
 
 /// A stable, readable dump of a value, dictionaries with their keys in sorted order.
-std::string describe(const PlistValue& value);
+MIRELS_EXPORT std::string describe(const PlistValue& value);
 
 }  // namespace mirels

@@ -1,5 +1,17 @@
 #pragma once
 
+// `PropertyList`: a typed façade over a string-keyed dictionary of plain property-list values, the
+// form in which processes hand settings and structured payloads to one another. Also
+// `PropertyListKey`, `propertyListKeyText()`, `PropertyListTraits`, `PropertyListRepresentable`.
+//
+// Example:
+//
+//     PropertyList settings;
+//     settings.archiveValue(std::vector<std::string>{"a", "b"}, "recent");
+//     settings.archiveValue(UUID::random(), "session");  // with mirels/plist/UUIDPropertyList.h
+//     // throws PropertyListError, naming the key, when the stored value has another type:
+//     auto recent = settings.unarchiveValue<std::vector<std::string>>("recent");
+
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -10,12 +22,14 @@
 #include <limits>
 #include <map>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/FatalError.h"
 #include "mirels/core/Identifier.h"
@@ -59,12 +73,14 @@ struct UnarchiveContext {
 };
 
 // The reading errors, thrown out of line so that this header needs no error types.
-[[noreturn]] void throwMissingKey(const UnarchiveContext& context);
-[[noreturn]] void throwInvalidValue(const UnarchiveContext& context, std::string expectedType,
-                                    const PlistValue& found);
-[[noreturn]] void throwCouldNotUnflatten(const UnarchiveContext& context, const PlistValue& element,
-                                         std::string targetType);
-[[noreturn]] void throwInvalidRawValue(std::string typeName, std::string rawValue);
+[[noreturn]] MIRELS_EXPORT void throwMissingKey(const UnarchiveContext& context);
+[[noreturn]] MIRELS_EXPORT void throwInvalidValue(const UnarchiveContext& context,
+                                                  std::string expectedType,
+                                                  const PlistValue& found);
+[[noreturn]] MIRELS_EXPORT void throwCouldNotUnflatten(const UnarchiveContext& context,
+                                                       const PlistValue& element,
+                                                       std::string targetType);
+[[noreturn]] MIRELS_EXPORT void throwInvalidRawValue(std::string typeName, std::string rawValue);
 
 /// A stored value of the wrong kind: at the top `invalidValue`, inside a container
 /// `couldNotUnflatten`.
@@ -535,7 +551,7 @@ concept PropertyListContent =
 ///
 /// A value type; copies share the dictionary until one of them changes it (copy-on-write), so
 /// copying a list, or an error that quotes one, is cheap.
-class PropertyList {
+class MIRELS_EXPORT PropertyList {
   public:
     PropertyList() noexcept = default;
     /// Takes the dictionary as it is, without checking.
@@ -690,6 +706,12 @@ class PropertyList {
 
     detail::SharedPlistDictionary* shared_ = nullptr;
 };
+
+/// Streams `description()` (of exactly a `PropertyList`: nothing converts into one to be streamed).
+template <std::same_as<PropertyList> P>
+std::ostream& operator<<(std::ostream& stream, const P& list) {
+    return stream << list.description();
+}
 
 namespace detail {
 

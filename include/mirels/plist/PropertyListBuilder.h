@@ -1,11 +1,15 @@
 #pragma once
 
+// `PropertyListBuilder`: writes a property list as a block of key/value lines, one line per entry,
+// where a line whose value is absent contributes nothing.
+
 #include <initializer_list>
 #include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
 
+#include "mirels/Export.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/plist/PropertyList.h"
 
@@ -27,7 +31,7 @@ namespace mirels {
 ///
 /// A key text given twice in one block is a programming error that stops the process, even when
 /// one or both of the values are absent: a list written out by hand must not say one key twice.
-class PropertyListBuilder {
+class MIRELS_EXPORT PropertyListBuilder {
   public:
     PropertyListBuilder() = delete;
 

@@ -1,8 +1,11 @@
 #pragma once
 
+// `PropertyListError`: reading a typed value out of a property list failed. Also `InvalidUUID`.
+
 #include <optional>
 #include <string>
 
+#include "mirels/Export.h"
 #include "mirels/errors/HumanReadableError.h"
 #include "mirels/plist/PlistValue.h"
 #include "mirels/plist/PropertyList.h"
@@ -13,7 +16,7 @@ namespace mirels {
 /// the key and, except for `invalidRawValue`, ends with the whole property list, so that the
 /// failing payload can be inspected from the message alone. The message is the error's
 /// `additionalInfo`.
-class PropertyListError final : public HumanReadableError {
+class MIRELS_EXPORT PropertyListError final : public HumanReadableError {
   public:
     enum class Kind { missingKey, invalidValue, couldNotUnflatten, invalidRawValue };
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "mirels/Export.h"
+
 // Structured descriptions: a value describes itself as a list of build actions (lines, key-value
 // entries, sections and titled groups with nested actions), and one renderer turns that list into
 // text. Producers say what to show; how it is laid out is decided in one place.
@@ -18,7 +20,7 @@
 namespace mirels {
 
 /// One step of a structured description.
-class StructuredDescriptionBuildAction {
+class MIRELS_EXPORT StructuredDescriptionBuildAction {
   public:
     enum class Kind : unsigned char { line, keyValue, section, group };
 
@@ -61,7 +63,7 @@ class StructuredDescriptionBuildAction {
 };
 
 /// A type that describes itself as structured build actions.
-class StructuredStringConvertible {
+class MIRELS_EXPORT StructuredStringConvertible {
   public:
     /// Appends this value's description to `actions`, in order.
     virtual void describe(std::vector<StructuredDescriptionBuildAction>& actions) const = 0;
@@ -79,11 +81,11 @@ class StructuredStringConvertible {
 };
 
 /// The rendered lines of `actions` (see the top of this header).
-std::vector<std::string> renderStructuredDescriptionLines(
+MIRELS_EXPORT std::vector<std::string> renderStructuredDescriptionLines(
     const std::vector<StructuredDescriptionBuildAction>& actions);
 
 /// The rendered lines of `actions` joined with "\n".
-std::string renderStructuredDescription(
+MIRELS_EXPORT std::string renderStructuredDescription(
     const std::vector<StructuredDescriptionBuildAction>& actions);
 
 }  // namespace mirels

@@ -1,5 +1,7 @@
 #pragma once
 
+// `MergeOperation`: a merge strategy.
+
 #include <concepts>
 #include <vector>
 

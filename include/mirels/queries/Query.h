@@ -1,5 +1,8 @@
 #pragma once
 
+// `Query`: a typed question. Also `QueryTraits`, `QueryOutput`, `HashableQuery`, `Resolution`,
+// `QueryResolutions`, `QueryResolutionsBuilder` and more.
+
 #include <concepts>
 #include <cstddef>
 #include <functional>

@@ -1,5 +1,8 @@
 #pragma once
 
+// `QueryManager`: the meeting point of the query system. Also `FutureQuery`, `performMerge()`,
+// `MergeOperationDefaults`, `uncachedValue()`, `value()`, `debugDescription()` and more.
+
 #include <cstddef>
 #include <exception>
 #include <functional>
@@ -11,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/core/AnyEquatable.h"
 #include "mirels/core/AutoCancelling.h"
 #include "mirels/core/Callsite.h"
@@ -62,7 +66,7 @@ concept FutureQuery = HashableQuery<Q> && detail::IsFuture<QueryOutput<Q>>::valu
 ///
 /// A reference type made by `create`; every operation may be called from any thread. A manager
 /// must not be (directly or through delegates) its own delegate.
-class QueryManager final : public std::enable_shared_from_this<QueryManager> {
+class MIRELS_EXPORT QueryManager final : public std::enable_shared_from_this<QueryManager> {
     struct Key {
         explicit Key() = default;
     };

@@ -1,5 +1,8 @@
 #pragma once
 
+// `FirstValueMerge`: the first answer, absent for none. Also `ConcatenationMerge`, `UnionMerge`,
+// `OrderedUnionMerge`, `SumMerge`, `LogicalOrMerge`, `NilMerge` and more.
+
 #include <cstddef>
 #include <iterator>
 #include <optional>
@@ -8,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/collections/OrderedSet.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/FatalError.h"
@@ -127,7 +131,7 @@ struct LogicalOrMerge : MergeOperationDefaults<LogicalOrMerge> {
 };
 
 namespace detail {
-[[noreturn]] void nilMergePerformed(Callsite callsite);
+[[noreturn]] MIRELS_EXPORT void nilMergePerformed(Callsite callsite);
 }  // namespace detail
 
 /// The strategy of queries that are never merged. Performing it is a programming error that

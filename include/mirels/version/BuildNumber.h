@@ -1,5 +1,7 @@
 #pragma once
 
+// `BuildNumber`: an operating-system build identifier, a short code such as "1A1" or "21C5021a".
+
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -10,6 +12,7 @@
 #include <string>
 #include <string_view>
 
+#include "mirels/Export.h"
 #include "mirels/errors/HumanReadableError.h"
 
 namespace mirels {
@@ -25,7 +28,7 @@ namespace mirels {
 ///
 /// Numbers are 64-bit (the machine word of the platforms we build for). Letters are ASCII
 /// letters only.
-class BuildNumber {
+class MIRELS_EXPORT BuildNumber {
   public:
     /// A build string could not be read. One case per part that failed, in the order the parts
     /// are read; the message names the string and what was wrong with it.
@@ -196,7 +199,7 @@ class BuildNumber {
 };
 
 /// Writes the build's description.
-std::ostream& operator<<(std::ostream& stream, const BuildNumber& build);
+MIRELS_EXPORT std::ostream& operator<<(std::ostream& stream, const BuildNumber& build);
 
 }  // namespace mirels
 

@@ -1,5 +1,9 @@
 #pragma once
 
+// `UserDefault`: one per-user preference, read through a preference store
+// (`UserDefaults::standard()` unless another is given) and cached. Also `UserDefaultTraits`,
+// `UserDefaultRepresentable`.
+
 #include <cstdint>
 #include <exception>
 #include <optional>
@@ -7,9 +11,10 @@
 #include <string_view>
 #include <utility>
 
+#include "mirels/Export.h"
 #include "mirels/core/ThreadSafe.h"
-#include "mirels/platform/UserDefaults.h"
 #include "mirels/plist/PropertyList.h"
+#include "mirels/version/UserDefaults.h"
 
 namespace mirels {
 
@@ -67,7 +72,8 @@ struct UserDefaultTraits<std::optional<T>> {
 
 namespace detail {
 /// Logs that the stored value of `key` could not be read as the wrapper's type.
-void logUnreadableUserDefault(std::string_view key, const std::exception& error) noexcept;
+MIRELS_EXPORT void logUnreadableUserDefault(std::string_view key,
+                                            const std::exception& error) noexcept;
 }  // namespace detail
 
 /// One per-user preference, read through a preference store (`UserDefaults::standard()` unless

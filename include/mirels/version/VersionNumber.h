@@ -1,5 +1,8 @@
 #pragma once
 
+// `VersionNumber`: a dotted major.minor.update version, such as "6.1" or "6.1.12". Also
+// `OperatingSystemVersion`.
+
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -7,6 +10,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "mirels/Export.h"
 
 namespace mirels {
 
@@ -21,7 +26,7 @@ struct OperatingSystemVersion {
 ///
 /// A value type: equatable, hashable, and ordered by major, then minor, then update. Its text
 /// leaves the update out when it is zero, so 6.1.0 reads "6.1".
-class VersionNumber {
+class MIRELS_EXPORT VersionNumber {
   public:
     constexpr VersionNumber(std::int64_t major, std::int64_t minor,
                             std::int64_t update = 0) noexcept
@@ -64,7 +69,7 @@ class VersionNumber {
 };
 
 /// Writes the version's description.
-std::ostream& operator<<(std::ostream& stream, const VersionNumber& version);
+MIRELS_EXPORT std::ostream& operator<<(std::ostream& stream, const VersionNumber& version);
 
 }  // namespace mirels
 

@@ -1,5 +1,7 @@
 #pragma once
 
+// `CopyOnWrite` (internal): the reference-counted shared storage of a copy-on-write value.
+
 #include <atomic>
 #include <cstddef>
 #include <utility>

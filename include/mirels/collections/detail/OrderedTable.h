@@ -1,5 +1,8 @@
 #pragma once
 
+// `OrderedTable` (internal): the insertion-ordered storage with a hash index behind
+// `OrderedDictionary` and `OrderedSet`.
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

@@ -1,5 +1,7 @@
 #pragma once
 
+// `SequenceBox` and the iterator helpers (internal) that the sequence views are built from.
+
 #include <cstddef>
 #include <functional>
 #include <memory>

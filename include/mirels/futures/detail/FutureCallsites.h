@@ -1,5 +1,9 @@
 #pragma once
 
+// `FutureFunction` and `futureCallsite()` (internal): the fixed call sites futures record as the
+// library's own.
+
+#include "mirels/Export.h"
 #include "mirels/core/Callsite.h"
 
 namespace mirels::detail {
@@ -26,6 +30,6 @@ enum class FutureFunction {
 };
 
 /// The library's call site for `function`.
-Callsite futureCallsite(FutureFunction function) noexcept;
+MIRELS_EXPORT Callsite futureCallsite(FutureFunction function) noexcept;
 
 }  // namespace mirels::detail

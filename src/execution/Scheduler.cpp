@@ -1,0 +1,7 @@
+#include "mirels/execution/Scheduler.h"
+
+namespace mirels {
+
+Scheduler::~Scheduler() = default;
+
+}  // namespace mirels
