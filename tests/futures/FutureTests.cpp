@@ -180,7 +180,7 @@ TEST(Future, ASecondFinishIsReportedAndDropped) {
     SoftAssertionRecorder reports;
     auto manual = std::make_shared<ManualFuture>(Callsite::current());
     int calls = 0;
-    manual->_observeFinish([&](const FutureTermination<int>&) { ++calls; });
+    manual->observeFinish([&](const FutureTermination<int>&) { ++calls; });
     manual->finish(FutureTermination<int>::succeeded(1));
     manual->finish(FutureTermination<int>::failed(Error(std::runtime_error("late"))));
     EXPECT_EQ(calls, 1);

@@ -27,7 +27,7 @@ class ConstantFuture final : public AbstractFuture<T> {
         return Future<T>(std::make_shared<ConstantFuture>(Key{}, std::move(termination), callsite));
     }
 
-    void cancel(Callsite /*callsite*/ = Callsite::current()) override {}
+    void cancel(Callsite /*callsite*/) override {}
 };
 
 template <class T>

@@ -85,20 +85,20 @@ class FlatMapFuture final : public AbstractFuture<Output> {
                 return Future<Output>(std::move(self));
             }
         }
-        // The flat-map holds the first future from here on; the pointer is for registering.
+        // The flat-map holds the first future from here on; the pointer is for registering. It
+        // observes each of its two futures through a node of its own.
         AbstractFuture<Input>* observed = first.object().get();
         auto self = std::make_shared<FlatMapFuture>(
             Key{}, RunningFirst{std::move(first)}, std::move(transformSuccessLane),
             std::move(transformFailureLane), std::move(transform), callsite);
-        observed->_observeFinish([self](const FutureTermination<Input>& termination) {
-            self->firstFinished(self, termination);
-        });
+        self->firstNode_.stage = self;
+        observed->observeFinishWithNode(self->firstNode_);
         return Future<Output>(std::move(self));
     }
 
     /// Cancels the future this one waits for, then finishes canceled from `callsite`; does
     /// nothing once finished.
-    void cancel(Callsite callsite = Callsite::current()) override {
+    void cancel(Callsite callsite) override {
         Phase phase = phase_.load(std::memory_order_acquire);
         while (phase != Phase::finished) {
             if (phase_.compare_exchange_weak(phase, Phase::finished, std::memory_order_acq_rel,
@@ -128,8 +128,22 @@ class FlatMapFuture final : public AbstractFuture<Output> {
                                               std::memory_order_acquire);
     }
 
-    void firstFinished(const std::shared_ptr<FlatMapFuture>& self,
-                       const FutureTermination<Input>& termination) {
+    /// The observer on one of the two futures: a part of the flat-map, which it keeps alive
+    /// until that future is done with it.
+    template <class Observed, void (FlatMapFuture::*receive)(const FutureTermination<Observed>&)>
+    struct StageNode final : detail::FutureObserverNode {
+        void finished(const void* termination) noexcept override {
+            (stage.get()->*receive)(*static_cast<const FutureTermination<Observed>*>(termination));
+        }
+        void release() noexcept override {
+            // May destroy the flat-map, and this node with it: nothing is touched afterwards.
+            std::shared_ptr<FlatMapFuture> last = std::move(stage);
+        }
+        std::shared_ptr<FlatMapFuture> stage;
+    };
+
+    void firstFinished(const FutureTermination<Input>& termination) {
+        const std::shared_ptr<FlatMapFuture>& self = firstNode_.stage;
         if (auto canceled = termination.canceledCallsite()) {
             transform_ = nullptr;
             if (leave(Phase::first)) {
@@ -180,9 +194,8 @@ class FlatMapFuture final : public AbstractFuture<Output> {
 
     static void observeSecond(const std::shared_ptr<FlatMapFuture>& self,
                               const Future<Output>& second) {
-        second.object()->_observeFinish([self](const FutureTermination<Output>& termination) {
-            self->secondFinished(termination);
-        });
+        self->secondNode_.stage = self;
+        second.object()->observeFinishWithNode(self->secondNode_);
     }
 
     void secondFinished(const FutureTermination<Output>& termination) {
@@ -199,6 +212,8 @@ class FlatMapFuture final : public AbstractFuture<Output> {
     // Owned by whoever moves the phase away from the one that holds it.
     std::optional<Future<Input>> first_;
     std::optional<Future<Output>> second_;
+    StageNode<Input, &FlatMapFuture::firstFinished> firstNode_;
+    StageNode<Output, &FlatMapFuture::secondFinished> secondNode_;
 };
 
 }  // namespace mirels

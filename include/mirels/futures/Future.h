@@ -10,10 +10,7 @@
 //     Future<std::string> text = future.mapSuccess([](int n) { return std::to_string(n); });
 //     auto token = text.observeSuccess([](const std::string& s) { std::puts(s.c_str()); });
 
-#include <time.h>
-
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -21,7 +18,6 @@
 #include <new>
 #include <optional>
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <utility>
 
@@ -37,6 +33,7 @@
 #include "mirels/execution/ExecutionLane.h"
 #include "mirels/futures/FutureTermination.h"
 #include "mirels/futures/detail/FutureCallsites.h"
+#include "mirels/futures/detail/FutureCore.h"
 
 namespace mirels {
 
@@ -79,25 +76,6 @@ enum class FutureTerminationCases : std::uint8_t {
 };
 
 namespace detail {
-
-template <class T>
-std::uint8_t terminationCaseBit(const FutureTermination<T>& termination) noexcept {
-    if (termination.isCanceled())
-        return static_cast<std::uint8_t>(FutureTerminationCases::canceled);
-    return static_cast<std::uint8_t>(termination.isSucceeded() ? FutureTerminationCases::succeeded
-                                                               : FutureTerminationCases::failed);
-}
-
-/// The clock futures record their initialization and finish times with: the monotonic clock
-/// at the kernel's tick resolution (CLOCK_MONOTONIC_COARSE, 1 to 4 ms). The same time base as
-/// `MonotonicTimestamp::now()`, at a quarter of its cost; futures are made and finished far too
-/// often for a precise reading, and running times worth looking at are longer than a tick.
-inline MonotonicTimestamp futureClockNow() noexcept {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return {static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000ULL +
-            static_cast<std::uint64_t>(now.tv_nsec)};
-}
 
 template <class T>
 struct IsFuture : std::false_type {};
@@ -152,21 +130,33 @@ concept ErrorToFuture = std::is_invocable_v<F&, const Error&> &&
 /// `FlatMapFuture`, `TraverseFuture`, `ConstantFuture`, `UncancelableFuture`, `TimeoutFuture`,
 /// and callers' own kinds). The base owns the state, the observers and their delivery; a kind
 /// says what canceling it means (`cancel`) and finishes it through `didFinish`. Callers hold a
-/// future through the `Future<T>` handle.
+/// future through the `Future<T>` handle. What does not depend on `T` (the state word, the
+/// observer list, the call site and times) lives in the non-template `detail::FutureCore`.
 ///
-/// The state is one atomic word: running with the head of a list of observers, or finished.
-/// Registering an observer pushes it with one compare-and-swap; finishing claims the future,
-/// builds the termination in place, and takes the whole list with one exchange, after which the
-/// finishing thread calls the observers in registration order. No lock is taken on either path,
-/// so no callback ever runs under one. The first observer lives inside the future; only later
-/// ones take an allocation. Once finished, the termination never changes, so every read of a
-/// finished future goes without synchronisation beyond one acquire load.
+/// The state machine, on one atomic word (no lock on any transition):
 ///
-/// Kinds are made with `std::make_shared` and keep themselves alive through the closures they
-/// register on the futures they wait for. Whoever finishes a future holds a strong reference
+///      make ──► RUNNING(list) ──push (CAS)──► RUNNING(list + node)
+///                  │   the future owns the observer nodes; no termination yet
+///                  │
+///                  │ claim (fetch-or "finishing"; one finisher wins, the others wait
+///                  │        for the publish and see the winner's termination)
+///                  ▼
+///               FINISHING: the winner alone builds the termination in place; pushes
+///                  │        still succeed, onto the list the winner will take
+///                  │ publish (exchange to FINISHED; takes the whole list)
+///                  ▼
+///               FINISHED: the termination is immutable and read without synchronisation
+///                         beyond one acquire load; the finishing thread owns the taken list,
+///                         calls it in registration order, then releases every node. A push
+///                         that finds FINISHED delivers to its own node at once.
+///
+/// The first observer lives in the future's inline slot; later ones take an allocation, and a
+/// combinator stage observes its input through a node that is part of the stage itself.
+///
+/// Kinds are made with `std::make_shared`. Whoever finishes a future holds a strong reference
 /// to it while it does (the observers may drop every other one). Observers must not throw.
 template <class T>
-class AbstractFuture {
+class AbstractFuture : public detail::FutureCore {
   public:
     using Value = T;
     using Termination = FutureTermination<T>;
@@ -174,295 +164,87 @@ class AbstractFuture {
 
     AbstractFuture(const AbstractFuture&) = delete;
     AbstractFuture& operator=(const AbstractFuture&) = delete;
-    virtual ~AbstractFuture() {
-        const std::uintptr_t state = state_.load(std::memory_order_acquire);
-        if (state == finishedState) {
-            storedTermination()->~Termination();
-            return;
-        }
-        // Never finished: the observers are dropped without a call.
-        ObserverNode* node = nodeOf(state);
-        while (node != nullptr) {
-            ObserverNode* next = node->next;
-            release(node);
-            node = next;
-        }
-    }
+    virtual ~AbstractFuture();
 
     /// The state now (it may change as soon as it is returned).
-    FutureState<T> recentStateSnapshot() const {
-        if (const Termination* termination = terminationIfFinished()) {
-            return FutureState<T>::finished(*termination);
-        }
-        return FutureState<T>::running();
-    }
-
+    FutureState<T> recentStateSnapshot() const;
     /// The value, when the future has succeeded.
-    std::optional<FutureValue<T>> succeededValue() const {
-        const Termination* termination = terminationIfFinished();
-        return termination != nullptr ? termination->succeededValue() : std::nullopt;
-    }
-
-    bool isCanceled() const noexcept {
-        const Termination* termination = terminationIfFinished();
-        return termination != nullptr && termination->isCanceled();
-    }
-
-    bool hasFinishedSuccessfully() const noexcept {
-        const Termination* termination = terminationIfFinished();
-        return termination != nullptr && termination->isSucceeded();
-    }
-
-    /// From construction to finish; absent while running.
-    std::optional<TimePeriod> runningTime() const noexcept {
-        if (terminationIfFinished() == nullptr) return std::nullopt;
-        return finishTime_ - initializationTime_;
-    }
+    std::optional<FutureValue<T>> succeededValue() const;
+    bool isCanceled() const noexcept;
+    bool hasFinishedSuccessfully() const noexcept;
 
     /// The termination of a finished future, read in place; null while running. A finished
     /// future never changes, so the pointer stays valid for as long as the future lives.
     const Termination* terminationIfFinished() const noexcept {
-        // The acquire load pairs with the finishing exchange, which follows the termination's
-        // construction.
-        return state_.load(std::memory_order_acquire) == finishedState ? storedTermination()
-                                                                       : nullptr;
+        return isFinished() ? storedTermination() : nullptr;
     }
-
-    /// Where the future was made.
-    Callsite initializationCallsite() const noexcept { return initializationCallsite_; }
-    /// When the future was made (monotonic clock).
-    MonotonicTimestamp initializationTime() const noexcept { return initializationTime_; }
 
     /// The primitive that every observation rests on: `observer` is called once with the
     /// termination, if it is one of `cases`, on `lane`. On a finished future it is called at
     /// once (on the calling thread, when the lane is current); otherwise it is kept and called
     /// by the thread that finishes the future.
-    ///
-    /// `observer` is any callable that takes the termination; it is stored as an `Observer`,
-    /// made in place.
-    template <class F>
-        requires(std::is_invocable_v<std::decay_t<F>&, const Termination&>)
-    void _observeFinish(ExecutionLane lane, F&& observer,
-                        FutureTerminationCases cases = FutureTerminationCases::all) {
-        const auto caseBits = static_cast<std::uint8_t>(cases);
-        std::uintptr_t state = state_.load(std::memory_order_acquire);
-        if (state == finishedState) {
-            deliver(lane, observer, caseBits, *storedTermination());
-            return;
-        }
-        // The first observer takes the node inside the future, claimed with a bit of the state
-        // (the finished value has that bit set too, so a finish ends the loop).
-        bool inlineNode = false;
-        while ((state & inlineNodeTaken) == 0) {
-            if (state_.compare_exchange_weak(state, state | inlineNodeTaken,
-                                             std::memory_order_acquire,
-                                             std::memory_order_acquire)) {
-                state |= inlineNodeTaken;
-                inlineNode = true;
-                break;
-            }
-        }
-        if (!inlineNode && state == finishedState) {
-            deliver(lane, observer, caseBits, *storedTermination());
-            return;
-        }
-        ObserverNode* node =
-            inlineNode
-                ? ::new (static_cast<void*>(inlineNode_))
-                      ObserverNode(std::forward<F>(observer), std::move(lane), caseBits, false)
-                : new ObserverNode(std::forward<F>(observer), std::move(lane), caseBits, true);
-        for (;;) {
-            if (state == finishedState) {
-                // Finished while the node was being made: this thread delivers it itself.
-                deliver(node->lane, node->callback, node->cases, *storedTermination());
-                release(node);
-                return;
-            }
-            node->next = nodeOf(state);
-            if (state_.compare_exchange_weak(state, (state & flagBits) | address(node),
-                                             std::memory_order_release,
-                                             std::memory_order_acquire)) {
-                return;
-            }
-        }
-    }
+    void observeFinish(ExecutionLane lane, Observer observer,
+                       FutureTerminationCases cases = FutureTerminationCases::all);
+    /// `observeFinish` on the finishing (or, when finished, the calling) thread.
+    void observeFinish(Observer observer);
 
-    /// `_observeFinish` on the finishing (or, when finished, the calling) thread.
-    template <class F>
-        requires(std::is_invocable_v<std::decay_t<F>&, const Termination&>)
-    void _observeFinish(F&& observer) {
-        _observeFinish(ExecutionLane::any(), std::forward<F>(observer));
-    }
+    /// Adds `node` as an observer: its `finished` gets a `const Termination*`. For combinator
+    /// stages that observe through a node of their own. `node` must stay valid until its
+    /// `release` is called.
+    void observeFinishWithNode(detail::FutureObserverNode& node);
 
     /// Asks the future to cancel, from `callsite`. What that means is the kind's to say: a
     /// promise-backed future finishes canceled, a combinator passes the request on to what it
     /// waits for, an uncancelable future ignores it. Canceling a finished future does nothing.
-    ///
-    /// Every kind must override it; the base body stops the process.
-    virtual void cancel(Callsite callsite = Callsite::current()) = 0;
+    /// (Handles default the call site: `Future<T>::cancel`.)
+    virtual void cancel(Callsite callsite) = 0;
 
   protected:
     /// A running future.
-    explicit AbstractFuture(Callsite callsite)
-        : initializationCallsite_(callsite), initializationTime_(detail::futureClockNow()) {}
+    explicit AbstractFuture(Callsite callsite) : FutureCore(callsite) {}
 
     /// A future finished at construction with `termination`. It never changes, so it never
     /// holds an observer.
-    AbstractFuture(Termination termination, Callsite callsite)
-        : initializationCallsite_(callsite),
-          initializationTime_(detail::futureClockNow()),
-          finishTime_(initializationTime_),
-          state_(finishedState) {
-        ::new (static_cast<void*>(terminationStorage_)) Termination(std::move(termination));
-    }
+    AbstractFuture(Termination termination, Callsite callsite);
 
     /// Finishes the future with `termination` and calls its observers. A second finish is a
     /// fault of the kind: it is reported as a soft assertion and dropped, and the first
     /// termination stays.
-    void didFinish(Termination termination) {
-        if (!finishIfRunning(termination, [](const Termination&) {})) {
-            detail::reportSoftAssertionFailure(
-                detail::futureCallsite(detail::FutureFunction::didFinish));
-        }
-    }
+    void didFinish(Termination termination);
 
     /// Keeps the future alive through `self`, a reference to itself, until it finishes: for
     /// kinds whose work must go on when every caller has let go. Released after the observers
     /// have run.
-    void retainSelfWhileRunning(std::shared_ptr<AbstractFuture> self) {
-        if (terminationIfFinished() != nullptr) return;
-        _observeFinish([self = std::move(self)](const Termination&) {});
-    }
+    void retainSelfWhileRunning(std::shared_ptr<AbstractFuture> self);
 
     /// The one finishing step: when the future is running, stores `termination` (moved from),
     /// calls the observers and returns true; when it has finished already, calls
     /// `whenFinished` with the present termination and returns false, leaving `termination`
     /// untouched.
     template <class WhenFinished>
-    bool finishIfRunning(Termination& termination, WhenFinished&& whenFinished) {
-        return finishInPlace(whenFinished, [&](void* storage) {
-            ::new (storage) Termination(std::move(termination));
-        });
-    }
+    bool finishIfRunning(Termination& termination, WhenFinished&& whenFinished);
 
     /// `finishIfRunning` with the termination made by `make(storage)` in the future's own
     /// storage, once the future is known to be running: nothing is built for a finish that
     /// loses.
     template <class WhenFinished, class Make>
-    bool finishInPlace(WhenFinished&& whenFinished, Make&& make) {
-        // Claim the future: of competing finishers, the one that sets the bit wins.
-        const std::uintptr_t before = state_.fetch_or(finishing, std::memory_order_acquire);
-        if ((before & finishing) != 0) {
-            whenFinished(awaitTermination());
-            return false;
-        }
-        // Only this thread touches the storage until the exchange below publishes it.
-        make(static_cast<void*>(terminationStorage_));
-        finishTime_ = detail::futureClockNow();
-        const std::uintptr_t state = state_.exchange(finishedState, std::memory_order_acq_rel);
-        // The list was pushed newest first: turn it round to call in registration order.
-        ObserverNode* node = nullptr;
-        for (ObserverNode* pushed = nodeOf(state); pushed != nullptr;) {
-            ObserverNode* next = pushed->next;
-            pushed->next = node;
-            node = pushed;
-            pushed = next;
-        }
-        if (node == nullptr) return true;
-        const Termination& finished = *storedTermination();
-        for (ObserverNode* at = node; at != nullptr; at = at->next) {
-            deliver(at->lane, at->callback, at->cases, finished);
-        }
-        // What the observers captured (a reference to this very future, perhaps) goes last.
-        while (node != nullptr) {
-            ObserverNode* next = node->next;
-            release(node);
-            node = next;
-        }
-        return true;
-    }
+    bool finishInPlace(WhenFinished&& whenFinished, Make&& make);
 
   private:
-    struct ObserverNode {
-        template <class F>
-        ObserverNode(F&& observer, ExecutionLane&& observerLane, std::uint8_t observerCases,
-                     bool onHeap)
-            : callback(std::forward<F>(observer)),
-              lane(std::move(observerLane)),
-              cases(observerCases),
-              heap(onHeap) {}
-
-        ObserverNode* next = nullptr;
-        Observer callback;
-        ExecutionLane lane;
-        std::uint8_t cases;
-        bool heap;
-    };
-
-    // The state word: a node address (aligned, so its low bits are free) with two flags, or the
-    // finished value, which no running state can equal (its flag bits both set, and no node
-    // below the address 8).
-    static constexpr std::uintptr_t inlineNodeTaken = 1;
-    static constexpr std::uintptr_t finishing = 2;
-    static constexpr std::uintptr_t flagBits = inlineNodeTaken | finishing;
-    static constexpr std::uintptr_t finishedState = 4 | flagBits;
-    static_assert(alignof(ObserverNode) >= 8, "node addresses leave the flag bits free");
-
-    static ObserverNode* nodeOf(std::uintptr_t state) noexcept {
-        // NOLINTNEXTLINE(performance-no-int-to-ptr): the word holds a node's address
-        return reinterpret_cast<ObserverNode*>(state & ~flagBits);
-    }
-    static std::uintptr_t address(ObserverNode* node) noexcept {
-        return reinterpret_cast<std::uintptr_t>(node);
-    }
-
-    void release(ObserverNode* node) noexcept {
-        if (node->heap) {
-            delete node;
-        } else {
-            node->~ObserverNode();
-        }
-    }
+    /// A stored callback with its lane and cases.
+    class ObserverNode;
 
     const Termination* storedTermination() const noexcept {
         return std::launder(reinterpret_cast<const Termination*>(terminationStorage_));
     }
 
-    /// The termination of a future that another thread is finishing: it is being built now.
-    const Termination& awaitTermination() const noexcept {
-        while (state_.load(std::memory_order_acquire) != finishedState) {
-            std::this_thread::yield();
-        }
-        return *storedTermination();
-    }
-
     /// Calls `callback` with the termination if it is one of `cases`: directly when `lane` is
     /// current, else handed to the lane with a copy of the termination.
-    template <class F>
-    static void deliver(const ExecutionLane& lane, F& callback, std::uint8_t cases,
-                        const Termination& termination) noexcept {
-        if ((cases & detail::terminationCaseBit(termination)) == 0) return;
-        if (lane.isCurrent()) {
-            callback(termination);
-        } else {
-            lane.execute(
-                [callback = std::move(callback), termination]() mutable { callback(termination); });
-        }
-    }
+    static void deliver(const ExecutionLane& lane, Observer& callback, std::uint8_t cases,
+                        const Termination& termination) noexcept;
 
-    Callsite initializationCallsite_;
-    MonotonicTimestamp initializationTime_;
-    // Written by the finishing thread before the state says finished; read-only afterwards.
-    MonotonicTimestamp finishTime_{};
-    std::atomic<std::uintptr_t> state_{0};
     alignas(Termination) std::byte terminationStorage_[sizeof(Termination)];
-    alignas(ObserverNode) std::byte inlineNode_[sizeof(ObserverNode)];
 };
-
-template <class T>
-void AbstractFuture<T>::cancel(Callsite /*callsite*/) {
-    fatalError("", detail::futureCallsite(detail::FutureFunction::cancel));
-}
 
 /// A new promise-backed future and the promise that finishes it.
 template <class T>
@@ -554,7 +336,7 @@ class Future {
     template <class F>
         requires std::is_invocable_v<F&, const Termination&>
     void observeFinish(ExecutionLane lane, F&& callback) const {
-        object_->_observeFinish(std::move(lane), std::forward<F>(callback));
+        object_->observeFinish(std::move(lane), std::forward<F>(callback));
     }
     template <class F>
         requires std::is_invocable_v<F&, const Termination&>
@@ -566,7 +348,7 @@ class Future {
     template <class F>
         requires detail::ResultCallable<F, T>
     void observeCompletion(ExecutionLane lane, F&& callback) const {
-        object_->_observeFinish(
+        object_->observeFinish(
             std::move(lane),
             [f = std::forward<F>(callback)](const Termination& termination) mutable {
                 f(*termination.resultIfCompleted());
@@ -583,7 +365,7 @@ class Future {
     template <class F>
         requires detail::SuccessCallable<F, T>
     void observeSuccess(ExecutionLane lane, F&& callback) const {
-        object_->_observeFinish(
+        object_->observeFinish(
             std::move(lane),
             [f = std::forward<F>(callback)](const Termination& termination) mutable {
                 detail::invokeWithSuccess<T>(f, *termination.resultIfCompleted());
@@ -600,7 +382,7 @@ class Future {
     template <class F>
         requires std::is_invocable_v<F&, const Error&>
     void observeFailure(ExecutionLane lane, F&& callback) const {
-        object_->_observeFinish(
+        object_->observeFinish(
             std::move(lane),
             [f = std::forward<F>(callback)](const Termination& termination) mutable {
                 f(*termination.resultIfCompleted()->failureError());
@@ -617,7 +399,7 @@ class Future {
     template <class F>
         requires std::is_invocable_v<F&, Callsite>
     void observeCancelation(ExecutionLane lane, F&& callback) const {
-        object_->_observeFinish(
+        object_->observeFinish(
             std::move(lane),
             [f = std::forward<F>(callback)](const Termination& termination) mutable {
                 f(*termination.canceledCallsite());
@@ -634,7 +416,7 @@ class Future {
     template <class F>
         requires std::is_invocable_v<F&, const Error&>
     void observeUnsuccessfulResult(ExecutionLane lane, F&& callback) const {
-        object_->_observeFinish(
+        object_->observeFinish(
             std::move(lane),
             [f = std::forward<F>(callback)](const Termination& termination) mutable {
                 if (const Result<T>* result = termination.resultIfCompleted()) {
@@ -656,8 +438,8 @@ class Future {
     template <class F>
         requires detail::ResultCallable<F, T>
     void observeFinishConvertingCancelationToFailure(ExecutionLane lane, F&& completion) const {
-        object_->_observeFinish(std::move(lane), [f = std::forward<F>(completion)](
-                                                     const Termination& termination) mutable {
+        object_->observeFinish(std::move(lane), [f = std::forward<F>(completion)](
+                                                    const Termination& termination) mutable {
             if (const Result<T>* result = termination.resultIfCompleted()) {
                 f(*result);
             } else {
@@ -705,20 +487,8 @@ class Future {
     /// Blocks the calling thread until the future finishes and returns the termination. For
     /// tools and tests only: never call it on a lane that the future needs in order to finish.
     Termination unpleasantWait() const {
-        struct Waiter {
-            std::mutex mutex;
-            std::condition_variable finished;
-            std::optional<Termination> termination;
-        };
-        auto waiter = std::make_shared<Waiter>();
-        object_->_observeFinish([waiter](const Termination& termination) {
-            std::lock_guard guard(waiter->mutex);
-            waiter->termination = termination;
-            waiter->finished.notify_one();
-        });
-        std::unique_lock lock(waiter->mutex);
-        waiter->finished.wait(lock, [&] { return waiter->termination.has_value(); });
-        return std::move(*waiter->termination);
+        object_->waitUntilFinished();
+        return *object_->terminationIfFinished();
     }
 
     // --- cancellation ---
@@ -1016,9 +786,11 @@ struct std::hash<mirels::Future<T>> {
     }
 };
 
-// The kinds of futures, and the definitions that need them.
+// The definitions of the templates above, the kinds of futures, and the definitions that need
+// them.
 #include "mirels/futures/ConstantFuture.h"
 #include "mirels/futures/FlatMapFuture.h"
+#include "mirels/futures/Future-inl.h"  // IWYU pragma: export
 #include "mirels/futures/FutureCoroutines.h"
 #include "mirels/futures/MapFuture.h"
 #include "mirels/futures/PromiseFuture.h"

@@ -148,8 +148,8 @@ class FutureAwaitable {
         // Once the observer is registered the coroutine may resume (and end) on another thread
         // at any moment: nothing of this awaiter is touched afterwards.
         std::shared_ptr<AbstractFuture<T>> object = future_.object();
-        object->_observeFinish(lane_,
-                               [coroutine](const FutureTermination<T>&) { coroutine.resume(); });
+        object->observeFinish(lane_,
+                              [coroutine](const FutureTermination<T>&) { coroutine.resume(); });
     }
 
     T await_resume() const {

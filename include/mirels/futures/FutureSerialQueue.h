@@ -132,7 +132,7 @@ class FutureSerialQueue final : public std::enable_shared_from_this<FutureSerial
             // caller's work starts outside it; the caller's future follows it. Only the
             // placeholder's outcome needs forwarding: a cancel of the caller's future already
             // reaches the placeholder through `cancelOperation`, registered at enqueue.
-            placeholder->future.object()->_observeFinish(
+            placeholder->future.object()->observeFinish(
                 [promise = std::move(next->promise)](const FutureTermination<T>& termination) {
                     if (const Result<T>* result = termination.resultIfCompleted()) {
                         promise.fulfill(*result);
@@ -166,7 +166,7 @@ class FutureSerialQueue final : public std::enable_shared_from_this<FutureSerial
         }();
         operation.makeFuture = nullptr;
         placeholder.track(work);
-        work.object()->_observeFinish(
+        work.object()->observeFinish(
             [self = this->shared_from_this(), identifier = operation.identifier](
                 const FutureTermination<T>&) { self->operationFinished(identifier); });
     }

@@ -2,6 +2,7 @@
 
 // `FutureTermination`: how a future ended. Also `FutureCanceled`, `FutureValue`, `FutureState`.
 
+#include <new>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -149,17 +150,17 @@ class FutureTermination {
     }
 
     /// Succeeded or failed.
-    bool isCompleted() const noexcept { return storage_.index() == 0; }
-    bool isSucceeded() const noexcept { return isCompleted() && std::get<0>(storage_).isSuccess(); }
-    bool isFailed() const noexcept { return isCompleted() && std::get<0>(storage_).isFailure(); }
-    bool isCanceled() const noexcept { return storage_.index() == 1; }
+    bool isCompleted() const noexcept { return !canceled_; }
+    bool isSucceeded() const noexcept { return !canceled_ && result_.isSuccess(); }
+    bool isFailed() const noexcept { return !canceled_ && result_.isFailure(); }
+    bool isCanceled() const noexcept { return canceled_; }
 
     /// The success-or-failure result, without copying it; null when canceled.
-    const Result<T>* resultIfCompleted() const noexcept { return std::get_if<0>(&storage_); }
+    const Result<T>* resultIfCompleted() const noexcept { return canceled_ ? nullptr : &result_; }
 
     /// The cancel call site when canceled.
     std::optional<Callsite> canceledCallsite() const noexcept {
-        if (const Callsite* callsite = std::get_if<1>(&storage_)) return *callsite;
+        if (canceled_) return callsite_;
         return std::nullopt;
     }
 
@@ -190,7 +191,7 @@ class FutureTermination {
     /// The success-or-failure result, in which canceled becomes a failure with `FutureCanceled`.
     Result<T> result() const {
         if (const Result<T>* completed = resultIfCompleted()) return *completed;
-        return Result<T>(Error(FutureCanceled(std::get<1>(storage_))));
+        return Result<T>(Error(FutureCanceled(callsite_)));
     }
 
     /// The success-or-failure result, in which `mapCancelation` turns the cancel call site into
@@ -199,7 +200,7 @@ class FutureTermination {
         requires std::is_invocable_r_v<Result<T>, F&&, Callsite>
     Result<T> resultMappingCancelation(F&& mapCancelation) const {
         if (const Result<T>* completed = resultIfCompleted()) return *completed;
-        return std::forward<F>(mapCancelation)(std::get<1>(storage_));
+        return std::forward<F>(mapCancelation)(callsite_);
     }
 
     /// Maps the completed result with `transform` (a result of `T` to a result of another
@@ -212,7 +213,7 @@ class FutureTermination {
         if (const Result<T>* completed = resultIfCompleted()) {
             return FutureTermination<Out>::completed(std::forward<F>(transform)(*completed));
         }
-        return FutureTermination<Out>::canceled(std::get<1>(storage_));
+        return FutureTermination<Out>::canceled(callsite_);
     }
 
     /// Maps the succeeded value with `transform`; failed and canceled pass through. A throwing
@@ -225,7 +226,7 @@ class FutureTermination {
             return FutureTermination<Out>::completed(
                 detail::mapSuccessResult<Out, T>(transform, *completed));
         }
-        return FutureTermination<Out>::canceled(std::get<1>(storage_));
+        return FutureTermination<Out>::canceled(callsite_);
     }
 
     /// "succeeded<" and the unqualified name of `T` and ">", or "failed", or "canceled".
@@ -235,15 +236,60 @@ class FutureTermination {
         return "succeeded<" + unqualifiedTypeName<T>() + ">";
     }
 
-    friend bool operator==(const FutureTermination&, const FutureTermination&) = default;
+    FutureTermination(const FutureTermination& other) : canceled_(other.canceled_) {
+        if (canceled_) {
+            ::new (static_cast<void*>(&callsite_)) Callsite(other.callsite_);
+        } else {
+            ::new (static_cast<void*>(&result_)) Result<T>(other.result_);
+        }
+    }
+    FutureTermination(FutureTermination&& other) noexcept(
+        std::is_nothrow_move_constructible_v<Result<T>>)
+        : canceled_(other.canceled_) {
+        if (canceled_) {
+            ::new (static_cast<void*>(&callsite_)) Callsite(other.callsite_);
+        } else {
+            ::new (static_cast<void*>(&result_)) Result<T>(std::move(other.result_));
+        }
+    }
+    FutureTermination& operator=(const FutureTermination& other) {
+        if (this != &other) {
+            FutureTermination copy(other);
+            destroy();
+            ::new (static_cast<void*>(this)) FutureTermination(std::move(copy));
+        }
+        return *this;
+    }
+    FutureTermination& operator=(FutureTermination&& other) noexcept(
+        std::is_nothrow_move_constructible_v<Result<T>>) {
+        if (this != &other) {
+            destroy();
+            ::new (static_cast<void*>(this)) FutureTermination(std::move(other));
+        }
+        return *this;
+    }
+    ~FutureTermination() { destroy(); }
+
+    friend bool operator==(const FutureTermination& a, const FutureTermination& b) {
+        if (a.canceled_ != b.canceled_) return false;
+        return a.canceled_ ? a.callsite_ == b.callsite_ : a.result_ == b.result_;
+    }
 
   private:
-    explicit FutureTermination(Result<T> result)
-        : storage_(std::in_place_index<0>, std::move(result)) {}
-    explicit FutureTermination(Callsite callsite) noexcept
-        : storage_(std::in_place_index<1>, callsite) {}
+    explicit FutureTermination(Result<T> result) : result_(std::move(result)), canceled_(false) {}
+    explicit FutureTermination(Callsite callsite) noexcept : callsite_(callsite), canceled_(true) {}
 
-    std::variant<Result<T>, Callsite> storage_;
+    void destroy() noexcept {
+        if (!canceled_) result_.~Result<T>();
+    }
+
+    // A hand-made two-case union: cheaper to compile than a variant, and a future's termination
+    // is built for every value type a program uses.
+    union {
+        Result<T> result_;
+        Callsite callsite_;
+    };
+    bool canceled_;
 };
 
 /// Streams `description()`: the case and, when succeeded, the value type.

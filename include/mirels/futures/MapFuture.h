@@ -25,8 +25,8 @@ namespace mirels {
 ///
 /// While it runs, a map holds its input and nothing else changes until the input is handed
 /// off, once, to whichever comes first: the input's result or a cancel. That hand-off is
-/// settled by one atomic exchange; with the base's lock-free state, a map takes no lock at all
-/// and is one allocation.
+/// settled by one atomic exchange; with the base's lock-free state, a map takes no lock at all.
+/// It observes its input through a node of its own, so a map is one allocation.
 template <class Input, class Output>
 class MapFuture final : public AbstractFuture<Output> {
     struct Key {
@@ -58,20 +58,21 @@ class MapFuture final : public AbstractFuture<Output> {
                     FutureTermination<Output>::completed(transform(result)), callsite);
             }
         }
-        // The map holds its input from here on; the pointer is for registering only.
+        // The map holds its input from here on; the pointer is for registering only. The map
+        // observes it through its own node, which keeps the map alive until the input is done
+        // with it.
         AbstractFuture<Input>* underlying = input.object().get();
         auto self = std::make_shared<MapFuture>(
             Key{}, std::move(input), std::move(transformSuccessLane),
             std::move(transformFailureLane), std::move(transform), callsite);
-        underlying->_observeFinish([self](const FutureTermination<Input>& termination) {
-            self->receiveUnderlyingFinish(self, termination);
-        });
+        self->inputNode_.stage = self;
+        underlying->observeFinishWithNode(self->inputNode_);
         return Future<Output>(std::move(self));
     }
 
     /// Finishes the map canceled from `callsite`, then cancels its input with the same call
     /// site; does nothing once the input has arrived or a cancel came first.
-    void cancel(Callsite callsite = Callsite::current()) override {
+    void cancel(Callsite callsite) override {
         std::optional<Future<Input>> underlying = takeUnderlying();
         if (!underlying) return;
         transform_ = nullptr;  // it will never run; let go of what it holds
@@ -86,9 +87,23 @@ class MapFuture final : public AbstractFuture<Output> {
         return std::optional<Future<Input>>(std::move(underlying_));
     }
 
-    void receiveUnderlyingFinish(const std::shared_ptr<MapFuture>& self,
-                                 const FutureTermination<Input>& termination) {
-        if (!takeUnderlying()) return;
+    /// The map's observer on its input: a part of the map, not a separate allocation.
+    struct InputNode final : detail::FutureObserverNode {
+        void finished(const void* termination) noexcept override {
+            stage->receiveUnderlyingFinish(
+                *static_cast<const FutureTermination<Input>*>(termination));
+        }
+        void release() noexcept override {
+            // May destroy the map, and this node with it: nothing is touched afterwards.
+            std::shared_ptr<MapFuture> last = std::move(stage);
+        }
+        std::shared_ptr<MapFuture> stage;
+    };
+
+    void receiveUnderlyingFinish(const FutureTermination<Input>& termination) {
+        // Held until the end: `termination` lives in the input.
+        const std::optional<Future<Input>> underlying = takeUnderlying();
+        if (!underlying) return;
         if (auto canceled = termination.canceledCallsite()) {
             transform_ = nullptr;
             this->didFinish(FutureTermination<Output>::canceled(*canceled));
@@ -100,7 +115,7 @@ class MapFuture final : public AbstractFuture<Output> {
         if (lane.isCurrent()) {
             runTransform(result);
         } else {
-            lane.execute([self, result] { self->runTransform(result); });
+            lane.execute([self = inputNode_.stage, result] { self->runTransform(result); });
         }
     }
 
@@ -119,6 +134,7 @@ class MapFuture final : public AbstractFuture<Output> {
     // finished once it is true, the input handed off (and `underlying_` empty).
     std::atomic<bool> settled_{false};
     Future<Input> underlying_;
+    InputNode inputNode_;
 };
 
 }  // namespace mirels

@@ -109,7 +109,7 @@ class PromiseFuture final : public AbstractFuture<T> {
     }
 
     /// Finishes the future canceled from `callsite`, unless it has finished already.
-    void cancel(Callsite callsite = Callsite::current()) override {
+    void cancel(Callsite callsite) override {
         transition(FutureTermination<T>::canceled(callsite));
     }
 };
@@ -201,7 +201,7 @@ class Promise {
     /// Following its own future does nothing.
     void track(const Future<T>& other) const {
         if (other.object().get() == future_.get()) return;
-        other.object()->_observeFinish([promise = *this](const FutureTermination<T>& termination) {
+        other.object()->observeFinish([promise = *this](const FutureTermination<T>& termination) {
             if (const Result<T>* result = termination.resultIfCompleted()) {
                 promise.fulfill(*result);
             } else {

@@ -105,7 +105,7 @@ class TimeoutFuture final : public AbstractFuture<Result<T>> {
             });
             if (!kept) timer.cancel();  // fired already
         }
-        watched.object()->_observeFinish([self](const FutureTermination<T>& termination) {
+        watched.object()->observeFinish([self](const FutureTermination<T>& termination) {
             self->receiveUnderlyingFinish(termination);
         });
         return Future<Result<T>>(std::move(self));
@@ -113,7 +113,7 @@ class TimeoutFuture final : public AbstractFuture<Result<T>> {
 
     /// Cancels the timer and the watched future (from `callsite`), then finishes canceled;
     /// does nothing once finished.
-    void cancel(Callsite callsite = Callsite::current()) override {
+    void cancel(Callsite callsite) override {
         std::optional<Running> running = take();
         if (!running) return;
         running->stopTimer();

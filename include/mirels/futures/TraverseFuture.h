@@ -61,7 +61,7 @@ class TraverseFuture final : public AbstractFuture<std::vector<Element>> {
         auto self =
             std::make_shared<TraverseFuture>(Key{}, std::move(fibers), accumulateErrors, callsite);
         for (std::size_t offset = 0; offset < futures.size(); ++offset) {
-            futures[offset].object()->_observeFinish(
+            futures[offset].object()->observeFinish(
                 [self, offset](const FutureTermination<Element>& termination) {
                     if (const Result<Element>* result = termination.resultIfCompleted()) {
                         self->receiveUnderlyingCompletion(offset, *result);
@@ -75,7 +75,7 @@ class TraverseFuture final : public AbstractFuture<std::vector<Element>> {
 
     /// Cancels every element future in order and finishes canceled from `callsite`; does
     /// nothing once finished.
-    void cancel(Callsite callsite = Callsite::current()) override {
+    void cancel(Callsite callsite) override {
         std::optional<std::vector<Fiber>> fibers = activity_.syncWrite(
             [](Running& running) { return std::exchange(running.fibers, std::nullopt); },
             Callsite::library("cancel(callsite:)"));

@@ -26,12 +26,12 @@ class UncancelableFuture final : public AbstractFuture<T> {
             return ConstantFuture<T>::create(*termination, callsite);
         }
         auto self = std::make_shared<UncancelableFuture>(Key{}, callsite);
-        shielded.object()->_observeFinish(
+        shielded.object()->observeFinish(
             [self](const FutureTermination<T>& termination) { self->didFinish(termination); });
         return Future<T>(std::move(self));
     }
 
-    void cancel(Callsite /*callsite*/ = Callsite::current()) override {}
+    void cancel(Callsite /*callsite*/) override {}
 };
 
 template <class T>

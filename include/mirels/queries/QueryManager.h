@@ -310,8 +310,8 @@ QueryOutput<Q> QueryManager::cachedValue(const Q& query) {
             pending.futuresByQuery.emplace(key, made.future.object());
             if (pending.didAddCachedFuture) (*pending.didAddCachedFuture)();
             const void* identity = made.future.object().get();
-            made.future.object()->_observeFinish([manager = weak_from_this(), key = std::move(key),
-                                                  identity](const FutureTermination<V>&) {
+            made.future.object()->observeFinish([manager = weak_from_this(), key = std::move(key),
+                                                 identity](const FutureTermination<V>&) {
                 if (std::shared_ptr<QueryManager> self = manager.lock()) {
                     self->removeCompletedCachedFuture(key, identity);
                 }

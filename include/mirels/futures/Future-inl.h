@@ -1,0 +1,166 @@
+#pragma once
+
+// The bodies of `AbstractFuture`'s templates. Included by Future.h: include that instead.
+
+#include <new>
+#include <utility>
+
+#include "mirels/futures/Future.h"
+
+namespace mirels {
+
+namespace detail {
+template <class T>
+std::uint8_t terminationCaseBit(const FutureTermination<T>& termination) noexcept {
+    if (termination.isCanceled())
+        return static_cast<std::uint8_t>(FutureTerminationCases::canceled);
+    return static_cast<std::uint8_t>(termination.isSucceeded() ? FutureTerminationCases::succeeded
+                                                               : FutureTerminationCases::failed);
+}
+}  // namespace detail
+
+template <class T>
+class AbstractFuture<T>::ObserverNode final : public detail::FutureObserverNode {
+  public:
+    ObserverNode(Observer&& observer, ExecutionLane&& lane, std::uint8_t cases, bool onHeap)
+        : callback_(std::move(observer)), lane_(std::move(lane)), cases_(cases), heap_(onHeap) {}
+    ~ObserverNode() = default;
+    ObserverNode(const ObserverNode&) = delete;
+    ObserverNode& operator=(const ObserverNode&) = delete;
+
+    void finished(const void* termination) noexcept override {
+        deliver(lane_, callback_, cases_, *static_cast<const Termination*>(termination));
+    }
+    void release() noexcept override {
+        if (heap_) {
+            delete this;
+        } else {
+            this->~ObserverNode();
+        }
+    }
+
+  private:
+    Observer callback_;
+    ExecutionLane lane_;
+    std::uint8_t cases_;
+    bool heap_;
+};
+
+template <class T>
+AbstractFuture<T>::~AbstractFuture() {
+    if (isFinished()) storedTermination()->~Termination();
+}
+
+template <class T>
+AbstractFuture<T>::AbstractFuture(Termination termination, Callsite callsite)
+    : FutureCore(callsite, FinishedAtConstruction{}) {
+    ::new (static_cast<void*>(terminationStorage_)) Termination(std::move(termination));
+}
+
+template <class T>
+FutureState<T> AbstractFuture<T>::recentStateSnapshot() const {
+    if (const Termination* termination = terminationIfFinished()) {
+        return FutureState<T>::finished(*termination);
+    }
+    return FutureState<T>::running();
+}
+
+template <class T>
+std::optional<FutureValue<T>> AbstractFuture<T>::succeededValue() const {
+    const Termination* termination = terminationIfFinished();
+    return termination != nullptr ? termination->succeededValue() : std::nullopt;
+}
+
+template <class T>
+bool AbstractFuture<T>::isCanceled() const noexcept {
+    const Termination* termination = terminationIfFinished();
+    return termination != nullptr && termination->isCanceled();
+}
+
+template <class T>
+bool AbstractFuture<T>::hasFinishedSuccessfully() const noexcept {
+    const Termination* termination = terminationIfFinished();
+    return termination != nullptr && termination->isSucceeded();
+}
+
+template <class T>
+void AbstractFuture<T>::observeFinish(ExecutionLane lane, Observer observer,
+                                      FutureTerminationCases cases) {
+    static_assert(sizeof(ObserverNode) <= inlineNodeSize &&
+                      alignof(ObserverNode) <= alignof(std::max_align_t),
+                  "an observer node fits the inline slot");
+    const auto caseBits = static_cast<std::uint8_t>(cases);
+    if (isFinished()) {
+        deliver(lane, observer, caseBits, *storedTermination());
+        return;
+    }
+    ObserverNode* node = nullptr;
+    if (void* slot = takeInlineNodeStorage()) {
+        node = ::new (slot) ObserverNode(std::move(observer), std::move(lane), caseBits, false);
+    } else {
+        node = new ObserverNode(std::move(observer), std::move(lane), caseBits, true);
+    }
+    observeFinishWithNode(*node);
+}
+
+template <class T>
+void AbstractFuture<T>::observeFinish(Observer observer) {
+    observeFinish(ExecutionLane::any(), std::move(observer));
+}
+
+template <class T>
+void AbstractFuture<T>::observeFinishWithNode(detail::FutureObserverNode& node) {
+    if (push(node)) return;
+    // Finished meanwhile: this thread delivers to the node itself.
+    node.finished(storedTermination());
+    node.release();
+}
+
+template <class T>
+void AbstractFuture<T>::didFinish(Termination termination) {
+    if (!finishIfRunning(termination, [](const Termination&) {})) {
+        detail::reportSoftAssertionFailure(
+            detail::futureCallsite(detail::FutureFunction::didFinish));
+    }
+}
+
+template <class T>
+void AbstractFuture<T>::retainSelfWhileRunning(std::shared_ptr<AbstractFuture> self) {
+    if (isFinished()) return;
+    observeFinish([self = std::move(self)](const Termination&) {});
+}
+
+template <class T>
+template <class WhenFinished>
+bool AbstractFuture<T>::finishIfRunning(Termination& termination, WhenFinished&& whenFinished) {
+    return finishInPlace(
+        whenFinished, [&](void* storage) { ::new (storage) Termination(std::move(termination)); });
+}
+
+template <class T>
+template <class WhenFinished, class Make>
+bool AbstractFuture<T>::finishInPlace(WhenFinished&& whenFinished, Make&& make) {
+    if (!claimFinish()) {
+        awaitFinished();
+        whenFinished(*storedTermination());
+        return false;
+    }
+    // Only this thread touches the storage until the publish below.
+    make(static_cast<void*>(terminationStorage_));
+    publishFinish(storedTermination());
+    return true;
+}
+
+template <class T>
+void AbstractFuture<T>::deliver(const ExecutionLane& lane, Observer& callback, std::uint8_t cases,
+                                const Termination& termination) noexcept {
+    if ((cases & detail::terminationCaseBit(termination)) == 0) return;
+    if (lane.isCurrent()) {
+        callback(termination);
+    } else {
+        lane.execute(
+            [callback = std::move(callback), termination]() mutable { callback(termination); });
+    }
+}
+
+}  // namespace mirels

@@ -1,0 +1,126 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+#include "mirels/Export.h"
+#include "mirels/core/Callsite.h"
+#include "mirels/core/TimePeriod.h"
+
+namespace mirels::detail {
+
+/// One observer waiting for a future to finish: a node of the future's intrusive list.
+///
+/// The future calls `finished` once with its termination (a `const FutureTermination<T>*` for a
+/// future of `T`), on the finishing thread, and `release` once afterwards; a future that goes
+/// away running calls only `release`. A node says for itself where it lives: in the future's
+/// inline slot, on the heap, or inside another object (a combinator stage observes its input
+/// through a node that is one of its own members).
+class FutureObserverNode {
+  public:
+    FutureObserverNode() = default;
+    FutureObserverNode(const FutureObserverNode&) = delete;
+    FutureObserverNode& operator=(const FutureObserverNode&) = delete;
+
+    /// The future has finished with `termination`. Must not throw.
+    virtual void finished(const void* termination) noexcept = 0;
+    /// The future is done with the node: it lets go of what it holds (itself, perhaps).
+    virtual void release() noexcept = 0;
+
+  protected:
+    ~FutureObserverNode() = default;
+
+  private:
+    friend class FutureCore;
+    FutureObserverNode* next_ = nullptr;
+};
+
+/// What every future has whatever its value type: the state word, the observer list, the inline
+/// observer slot, the call site and the times. Defined once, out of line; `AbstractFuture<T>`
+/// adds only the typed termination and the typed observers.
+///
+/// The state word is one of
+///   running:   a list head (newest first) and two flags, "inline slot taken" and "finishing";
+///   finished:  a fixed value no running state can equal.
+/// Pushing an observer is one compare-and-swap on the word; the finisher claims the future by
+/// setting "finishing" (one fetch-or: of competing finishers, the first wins), builds the
+/// termination, then takes the whole list with one exchange to "finished" and runs it. No lock
+/// is taken anywhere.
+class MIRELS_EXPORT FutureCore {
+  public:
+    FutureCore(const FutureCore&) = delete;
+    FutureCore& operator=(const FutureCore&) = delete;
+    FutureCore(FutureCore&&) = delete;
+    FutureCore& operator=(FutureCore&&) = delete;
+
+    /// Where the future was made.
+    Callsite initializationCallsite() const noexcept { return initializationCallsite_; }
+    /// When the future was made (monotonic clock).
+    MonotonicTimestamp initializationTime() const noexcept { return initializationTime_; }
+
+    /// Whether the future has finished; once true, it stays true.
+    bool isFinished() const noexcept {
+        // The acquire load pairs with the finishing exchange, which follows the termination's
+        // construction.
+        return state_.load(std::memory_order_acquire) == finishedState;
+    }
+
+    /// From construction to finish; absent while running.
+    std::optional<TimePeriod> runningTime() const noexcept {
+        if (!isFinished()) return std::nullopt;
+        return finishTime_ - initializationTime_;
+    }
+
+    /// Blocks the calling thread until the future has finished.
+    void waitUntilFinished();
+
+    /// Room for a typed observer node inside the future.
+    static constexpr std::size_t inlineNodeSize = 128;
+
+  protected:
+    /// A running future.
+    explicit FutureCore(Callsite callsite) noexcept;
+    struct FinishedAtConstruction {};
+    /// A future finished from the start (its owner builds the termination).
+    FutureCore(Callsite callsite, FinishedAtConstruction) noexcept;
+    /// Releases, without a call, the observers of a future that never finished.
+    ~FutureCore();
+
+    /// The inline node slot when this caller is the first to ask (and the future runs); null
+    /// otherwise.
+    void* takeInlineNodeStorage() noexcept;
+
+    /// Adds `node` to the list of a running future and returns true; returns false when the
+    /// future has finished (the caller then delivers to the node itself).
+    bool push(FutureObserverNode& node) noexcept;
+
+    /// Claims the finish: true for exactly one caller, which must then build the termination
+    /// and call `publishFinish`.
+    bool claimFinish() noexcept;
+
+    /// Records the finish time, marks the future finished and runs its observers in
+    /// registration order with `termination`, then releases them.
+    void publishFinish(const void* termination) noexcept;
+
+    /// Waits for a finish that another thread has claimed to be published.
+    void awaitFinished() const noexcept;
+
+  private:
+    // A node address (aligned, so its low bits are free) with two flags, or the finished value,
+    // which no running state can equal (both flag bits set, and no node below the address 8).
+    static constexpr std::uintptr_t inlineNodeTaken = 1;
+    static constexpr std::uintptr_t finishing = 2;
+    static constexpr std::uintptr_t flagBits = inlineNodeTaken | finishing;
+    static constexpr std::uintptr_t finishedState = 4 | flagBits;
+
+    Callsite initializationCallsite_;
+    MonotonicTimestamp initializationTime_;
+    // Written by the finishing thread before the state says finished; read-only afterwards.
+    MonotonicTimestamp finishTime_{};
+    std::atomic<std::uintptr_t> state_{0};
+    alignas(std::max_align_t) std::byte inlineNode_[inlineNodeSize];
+};
+
+}  // namespace mirels::detail
