@@ -46,6 +46,7 @@
 #include "mirels/core/Ref.h"
 #include "mirels/core/SynchronousAccessProviding.h"
 #include "mirels/core/ThreadSafe.h"
+#include "mirels/core/ThreadSafetyAnnotations.h"
 #include "mirels/core/TimePeriod.h"
 #include "mirels/core/TypeName.h"
 #include "mirels/core/UUID.h"

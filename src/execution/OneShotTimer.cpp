@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstdint>
 #include <limits>
-#include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -74,7 +73,7 @@ class TimerScheduler {
     void arm(TimerEntry* entry) noexcept {
         bool wake = false;
         {
-            std::lock_guard guard(lock_);
+            UnfairLockGuard guard(lock_);
             if (heap_.size() >= minimumPurgeSize &&
                 cancelledInHeap_.load(std::memory_order_relaxed) * 2 >=
                     static_cast<std::int64_t>(heap_.size())) {
@@ -109,7 +108,7 @@ class TimerScheduler {
         std::thread([this] { threadMain(); }).detach();
     }
 
-    void purgeCancelledLocked() noexcept {
+    void purgeCancelledLocked() noexcept MIRELS_REQUIRES(lock_) {
         auto kept = std::remove_if(heap_.begin(), heap_.end(), [](const HeapItem& item) {
             if (item.entry->state.load(std::memory_order_acquire) !=
                 OneShotTimer::State::cancelled) {
@@ -130,7 +129,7 @@ class TimerScheduler {
             std::uint64_t sleepUntil = 0;
             std::uint32_t sequence = 0;
             {
-                std::lock_guard guard(lock_);
+                UnfairLockGuard guard(lock_);
                 const std::uint64_t now = MonotonicTimestamp::now().ticks;
                 // Fire what must fire now and, to coalesce, whatever at the top is already past
                 // its deadline, though it could still wait.
@@ -183,8 +182,8 @@ class TimerScheduler {
     }
 
     UnfairLock lock_;
-    std::vector<HeapItem> heap_;           // guarded by lock_
-    std::uint64_t nextWake_ = noDeadline;  // guarded by lock_: when the thread will wake
+    std::vector<HeapItem> heap_ MIRELS_GUARDED_BY(lock_);
+    std::uint64_t nextWake_ MIRELS_GUARDED_BY(lock_) = noDeadline;  // when the thread will wake
     std::atomic<std::uint32_t> wakeSequence_{0};
     std::atomic<std::int64_t> cancelledInHeap_{0};  // an estimate that triggers purges
     WorkerPool& pool_;

@@ -3,7 +3,6 @@
 #include <pthread.h>
 
 #include <algorithm>
-#include <mutex>
 #include <thread>
 
 #include "Futex.h"
@@ -49,7 +48,7 @@ WorkerPool::WorkerPool(const char* name, unsigned threadCount) : name_(name) {
 void WorkerPool::post(PoolJob* job) noexcept {
     job->nextJob = nullptr;
     {
-        std::lock_guard guard(lock_);
+        UnfairLockGuard guard(lock_);
         if (tail_ == nullptr) {
             head_ = job;
         } else {
@@ -76,7 +75,7 @@ PoolJob* WorkerPool::take() noexcept {
     if (queuedCount_.load(std::memory_order_relaxed) <= 0) return nullptr;
     PoolJob* job = nullptr;
     {
-        std::lock_guard guard(lock_);
+        UnfairLockGuard guard(lock_);
         job = head_;
         if (job == nullptr) return nullptr;
         head_ = job->nextJob;

@@ -46,8 +46,8 @@ class WorkerPool {
     void wakeOneIfNoneSpinning() noexcept;
 
     UnfairLock lock_;
-    PoolJob* head_ = nullptr;  // guarded by lock_
-    PoolJob* tail_ = nullptr;  // guarded by lock_
+    PoolJob* head_ MIRELS_GUARDED_BY(lock_) = nullptr;
+    PoolJob* tail_ MIRELS_GUARDED_BY(lock_) = nullptr;
     std::atomic<std::int64_t> queuedCount_{0};
     std::atomic<std::uint32_t> spinnerCount_{0};
     std::atomic<std::uint32_t> sleeperCount_{0};

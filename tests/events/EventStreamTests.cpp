@@ -202,6 +202,39 @@ TEST(EventStream, ARemovedHandlerIsDestroyedOutsideTheSinksLock) {
     EXPECT_TRUE(ran);
 }
 
+// Cancels from every position of the table, from inside a send that still holds the older
+// table, and twice: the remaining subscribers keep their order, the held snapshot is untouched,
+// and a second cancel removes nothing more.
+TEST(EventStream, CancellingFromAnyPositionKeepsTheOthersInOrder) {
+    SoftAssertionRecorder reports;
+    auto sink = IntSink::create();
+    std::vector<std::string> log;
+    std::vector<std::shared_ptr<CancellationToken>> tokens(6);
+    for (int i = 0; i < 6; ++i) {
+        tokens[static_cast<std::size_t>(i)] = sink->observe([&, i](int e) {
+            log.push_back(std::to_string(i) + ":" + std::to_string(e));
+            // The first subscriber cancels every other one during the first send.
+            if (i == 0 && e == 1) {
+                for (int other : {5, 2, 3}) tokens[static_cast<std::size_t>(other)]->cancel();
+            }
+        });
+    }
+    sink->send(1);  // the snapshot taken before the cancels still reaches 2, 3 and 5
+    sink->send(2);
+    EXPECT_EQ(log, (std::vector<std::string>{"0:1", "1:1", "2:1", "3:1", "4:1", "5:1", "0:2", "1:2",
+                                             "4:2"}));
+    tokens[2]->cancel();
+    EXPECT_EQ(reports.count(), 1u);  // the second cancel is reported
+    auto newest = sink->observe([&](int e) { log.push_back("n:" + std::to_string(e)); });
+    tokens[0]->cancel();
+    log.clear();
+    sink->send(3);
+    EXPECT_EQ(log, (std::vector<std::string>{"1:3", "4:3", "n:3"}));
+    for (int i : {1, 4}) tokens[static_cast<std::size_t>(i)]->cancel();
+    newest->cancel();
+    EXPECT_FALSE(sink->isObserved());
+}
+
 struct Owner {
     SubscriberCollection<std::function<void()>> observers;
 };

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "mirels/core/Callsite.h"
+#include "mirels/core/ThreadSafetyAnnotations.h"
 
 namespace mirels {
 
@@ -67,7 +68,9 @@ class UnsafeSynchronousAccessProviding {
     template <class F>
         requires std::is_invocable_v<F&&, const Value&>
     std::invoke_result_t<F&&, const Value&> unsafeRead(
-        F&& body, [[maybe_unused]] Callsite callsite = Callsite::current()) const {
+        F&& body, [[maybe_unused]] Callsite callsite = Callsite::current()) const
+        // Unchecked on purpose: the caller vouches for the lock.
+        MIRELS_NO_THREAD_SAFETY_ANALYSIS {
         return std::invoke(std::forward<F>(body),
                            std::as_const(static_cast<const Derived&>(*this).value_));
     }
@@ -76,7 +79,8 @@ class UnsafeSynchronousAccessProviding {
     template <class F>
         requires std::is_invocable_v<F&&, Value&>
     std::invoke_result_t<F&&, Value&> unsafeWrite(
-        F&& body, [[maybe_unused]] Callsite callsite = Callsite::current()) {
+        F&& body,
+        [[maybe_unused]] Callsite callsite = Callsite::current()) MIRELS_NO_THREAD_SAFETY_ANALYSIS {
         return std::invoke(std::forward<F>(body), static_cast<Derived&>(*this).value_);
     }
 

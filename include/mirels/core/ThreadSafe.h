@@ -12,7 +12,6 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <type_traits>
 #include <utility>
 
@@ -60,7 +59,7 @@ class ThreadSafe final : public SynchronousAccessProviding<ThreadSafe<Value>, Va
         requires std::is_invocable_v<F&&, const Value&>
     std::invoke_result_t<F&&, const Value&> syncRead(
         F&& body, [[maybe_unused]] Callsite callsite = Callsite::current()) const {
-        std::lock_guard guard(lock_);
+        UnfairLockGuard guard(lock_);
         return std::invoke(std::forward<F>(body), std::as_const(value_));
     }
 
@@ -69,7 +68,7 @@ class ThreadSafe final : public SynchronousAccessProviding<ThreadSafe<Value>, Va
         requires std::is_invocable_v<F&&, Value&>
     std::invoke_result_t<F&&, Value&> syncWrite(
         F&& body, [[maybe_unused]] Callsite callsite = Callsite::current()) {
-        std::lock_guard guard(lock_);
+        UnfairLockGuard guard(lock_);
         return std::invoke(std::forward<F>(body), value_);
     }
 
@@ -77,7 +76,7 @@ class ThreadSafe final : public SynchronousAccessProviding<ThreadSafe<Value>, Va
     friend class UnsafeSynchronousAccessProviding<ThreadSafe<Value>, Value>;
 
     mutable UnfairLock lock_;
-    Value value_;
+    Value value_ MIRELS_GUARDED_BY(lock_);
 };
 
 }  // namespace mirels

@@ -17,10 +17,12 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <span>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "mirels/collections/detail/CopyOnWrite.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/CancellationToken.h"
 #include "mirels/core/ThreadSafe.h"
@@ -144,7 +146,7 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
         requires(!std::is_void_v<E>)
     {
         Subscribers snapshot = storage_->peek(Callsite::library("send(_:)"));
-        for (const auto& entry : snapshot.subscribers()) entry.second(event);
+        for (const Listed& listed : snapshot.all()) listed(event);
     }
 
     /// Delivers an event that carries nothing to every current subscriber.
@@ -152,7 +154,7 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
         requires std::is_void_v<E>
     {
         Subscribers snapshot = storage_->peek(Callsite::library("send()"));
-        for (const auto& entry : snapshot.subscribers()) entry.second();
+        for (const Listed& listed : snapshot.all()) listed();
     }
 
     /// Whether at least one subscriber is registered.
@@ -164,7 +166,7 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
     /// Subscribes `handler` to this sink directly (what observing its stream does).
     ///
     /// One allocation holds the token and the handler together; the subscriber table lists the
-    /// subscription by a counted reference, so a snapshot taken by a send keeps the handler for
+    /// subscription by a counted pointer, so a snapshot taken by a send keeps the handler for
     /// as long as it needs it, and the handler is released as soon as no table lists it.
     std::shared_ptr<CancellationToken> observe(Handler handler,
                                                Callsite callsite = Callsite::current()) {
@@ -173,9 +175,7 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
         Subscription& subscription = box->payload;
         subscription.keepWhileListed = box;
         storage_->syncWrite(
-            [&](Subscribers& subscribers) {
-                subscribers.insert(subscription.identifier, Listed(&subscription));
-            },
+            [&](Subscribers& subscribers) { subscribers.insert(Listed(&subscription)); },
             Callsite::library("observe(_:)"));
         CancellationToken* token = &box->token;
         return std::shared_ptr<CancellationToken>(std::move(box), token);
@@ -218,11 +218,48 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
             subscription_->handler()(std::forward<Args>(args)...);
         }
 
+        const Subscription* subscription() const noexcept { return subscription_; }
+
       private:
         Subscription* subscription_ = nullptr;
     };
 
-    using Subscribers = SubscriberCollection<Listed>;
+    /// The subscriber table: listings in subscription order, in a copy-on-write array, so a
+    /// snapshot is one reference-count increment and an edit copies the array only while a
+    /// send still holds an older snapshot. Appending is amortised O(1); removing is O(n), a scan
+    /// of pointers and a shift, as in any ordered array.
+    class Subscribers {
+      public:
+        void insert(Listed listed) { rows_.mutableValue().push_back(std::move(listed)); }
+
+        /// Removes the listing of `subscription`, or returns absent when it is not listed.
+        std::optional<Listed> remove(const Subscription* subscription) {
+            const std::vector<Listed>* rows = rows_.get();
+            if (rows == nullptr) return std::nullopt;
+            // Search the array as it is; copy it (when shared) only to remove what is there.
+            std::size_t position = rows->size();
+            while (position > 0 && (*rows)[position - 1].subscription() != subscription) {
+                --position;
+            }
+            if (position == 0) return std::nullopt;
+            std::vector<Listed>& owned = rows_.mutableValue();
+            auto at = owned.begin() + static_cast<std::ptrdiff_t>(position - 1);
+            std::optional<Listed> removed(std::move(*at));
+            owned.erase(at);
+            return removed;
+        }
+
+        /// The listings in subscription order.
+        std::span<const Listed> all() const noexcept {
+            const std::vector<Listed>* rows = rows_.get();
+            return rows == nullptr ? std::span<const Listed>() : std::span<const Listed>(*rows);
+        }
+
+        bool isEmpty() const noexcept { return all().empty(); }
+
+      private:
+        detail::CopyOnWrite<std::vector<Listed>> rows_;
+    };
 
     /// One subscription, made together with its token: the handler, the identifier it is listed
     /// under, and the storage box to remove it from when the token is cancelled. The handler
@@ -243,7 +280,7 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
         /// last snapshot that lists it does. Nothing happens once the sink has gone.
         void didCancel() {
             std::optional<Listed> removed = storage_->syncWrite(
-                [&](Subscribers& subscribers) { return subscribers.remove(identifier); },
+                [&](Subscribers& subscribers) { return subscribers.remove(this); },
                 Callsite::library("cancel()"));
         }
 
