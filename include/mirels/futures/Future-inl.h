@@ -86,9 +86,9 @@ bool AbstractFuture<T>::hasFinishedSuccessfully() const noexcept {
 template <class T>
 void AbstractFuture<T>::observeFinish(ExecutionLane lane, Observer observer,
                                       FutureTerminationCases cases) {
-    static_assert(sizeof(ObserverNode) <= inlineNodeSize &&
-                      alignof(ObserverNode) <= alignof(std::max_align_t),
-                  "an observer node fits the inline slot");
+    static_assert(sizeof(ObserverNode) <= inlineNodeSize, "an observer node fits the inline slot");
+    static_assert(alignof(ObserverNode) <= alignof(std::max_align_t),
+                  "an observer node needs no more than the inline slot's alignment");
     const auto caseBits = static_cast<std::uint8_t>(cases);
     if (isFinished()) {
         deliver(lane, observer, caseBits, *storedTermination());
