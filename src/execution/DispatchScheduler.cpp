@@ -37,8 +37,13 @@ struct DispatchScheduler::Core {
 
     explicit Core(ExecutionLane lane) : lane(std::move(lane)) {}
 
-    ~Core() {
-        // Pending actions are destroyed without running; nothing here runs under the lock.
+    ~Core() { discardPending(); }
+
+    // Destroys the pending actions without running them and disarms the timer; nothing here
+    // runs under the lock. Called when the last handle goes, not only when the core does: a
+    // timer pass that is running holds the core a little longer, and the actions must not wait
+    // for it.
+    void discardPending() {
         std::vector<detail::ScheduledItem> items =
             state.syncWrite([](State& s) { return s.heap.takeAll(); });
         detail::discardAll(items);
@@ -114,7 +119,9 @@ struct DispatchScheduler::Core {
 DispatchScheduler::DispatchScheduler(Key, ExecutionLane lane)
     : core_(std::make_shared<Core>(std::move(lane))) {}
 
-DispatchScheduler::~DispatchScheduler() = default;
+DispatchScheduler::~DispatchScheduler() {
+    core_->discardPending();
+}
 
 std::shared_ptr<DispatchScheduler> DispatchScheduler::create(ExecutionLane lane) {
     return std::make_shared<DispatchScheduler>(Key{}, std::move(lane));
