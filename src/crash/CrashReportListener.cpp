@@ -17,6 +17,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "../core/SystemErrorText.h"
 #include "mirels/core/UniqueFunction.h"
 #include "mirels/platform/Log.h"
 
@@ -27,12 +28,6 @@ namespace {
 const Logger& crashLog() {
     static const Logger logger("org.mirels.foundation", "crash");
     return logger;
-}
-
-std::string errnoText(int error) {
-    char buffer[256];
-    // The GNU strerror_r returns the text, which may or may not be `buffer`.
-    return std::string(strerror_r(error, buffer, sizeof buffer));
 }
 
 /// One process-wide thread that waits for file events of every listener with epoll and hands
@@ -109,7 +104,8 @@ class FileEventThread {
             const int count = epoll_wait(epollFd_, events, 32, -1);
             if (count < 0) {
                 if (errno == EINTR) continue;
-                crashLog().fault("The crash-report watcher stopped: %{public}@", errnoText(errno));
+                crashLog().fault("The crash-report watcher stopped: %{public}@",
+                                 detail::systemErrorText(errno));
                 return;
             }
             for (int i = 0; i < count; ++i) {
@@ -236,17 +232,17 @@ struct CrashReportListener::State : std::enable_shared_from_this<State> {
         clock_gettime(CLOCK_REALTIME_COARSE, &watch->started);
         watch->directoryFd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (watch->directoryFd < 0) {
-            failure = "cannot open the folder: " + errnoText(errno);
+            failure = "cannot open the folder: " + detail::systemErrorText(errno);
             return nullptr;
         }
         watch->inotifyFd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
         if (watch->inotifyFd < 0) {
-            failure = "cannot make an inotify instance: " + errnoText(errno);
+            failure = "cannot make an inotify instance: " + detail::systemErrorText(errno);
             return nullptr;
         }
         if (inotify_add_watch(watch->inotifyFd, folder.c_str(),
                               IN_CLOSE_WRITE | IN_MOVED_TO | IN_ONLYDIR | IN_EXCL_UNLINK) < 0) {
-            failure = "cannot watch the folder: " + errnoText(errno);
+            failure = "cannot watch the folder: " + detail::systemErrorText(errno);
             return nullptr;
         }
         std::weak_ptr<State> weakState = weak_from_this();
@@ -260,7 +256,7 @@ struct CrashReportListener::State : std::enable_shared_from_this<State> {
                 self->queue->async([self, current] { self->drain(current); });
             });
         if (!added) {
-            failure = "cannot wait for file events: " + errnoText(errno);
+            failure = "cannot wait for file events: " + detail::systemErrorText(errno);
             watch->eventId = 0;
             return nullptr;
         }
@@ -369,7 +365,7 @@ struct CrashReportListener::State : std::enable_shared_from_this<State> {
                 crashLog().debug("Skipping %{public}@: a symbolic link", name);
             } else {
                 crashLog().info("Skipping crash report %{public}@: %{public}@", name,
-                                errnoText(error));
+                                detail::systemErrorText(error));
             }
             return std::nullopt;
         }

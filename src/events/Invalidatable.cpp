@@ -10,10 +10,10 @@ namespace {
 /// lock: cascades re-enter it on their own thread, and cascades on other threads wait, so the
 /// innermost handle is always the one that caused the invalidation being recorded. One per
 /// process, made on first use and never destroyed (invalidations may run during exit).
-class Tracer {
+class InvalidationTracer {
   public:
-    static Tracer& shared() {
-        static Tracer* tracer = new Tracer();
+    static InvalidationTracer& shared() {
+        static InvalidationTracer* tracer = new InvalidationTracer();
         return *tracer;
     }
 
@@ -21,7 +21,7 @@ class Tracer {
     std::vector<InvalidationHandle*> invalidatingHandles;
 
   private:
-    Tracer() { invalidatingHandles.reserve(32); }
+    InvalidationTracer() { invalidatingHandles.reserve(32); }
 };
 
 }  // namespace
@@ -72,7 +72,7 @@ void InvalidationHandle::invalidateHandle(Callsite callsite) {
 
     std::shared_ptr<InvalidationHandle> previous;
     {
-        Tracer& tracer = Tracer::shared();
+        InvalidationTracer& tracer = InvalidationTracer::shared();
         std::lock_guard guard(tracer.recursiveLock);
         if (!tracer.invalidatingHandles.empty()) {
             previous = tracer.invalidatingHandles.back()->shared_from_this();
@@ -80,7 +80,7 @@ void InvalidationHandle::invalidateHandle(Callsite callsite) {
         tracer.invalidatingHandles.push_back(this);
         // Popped also when an observer throws, so that the stack stays true.
         struct Pop {
-            Tracer& tracer;
+            InvalidationTracer& tracer;
             ~Pop() { tracer.invalidatingHandles.pop_back(); }
         } pop{tracer};
         finishing->notify();

@@ -15,10 +15,10 @@ namespace mirels::detail {
 
 namespace {
 
-using Error = PropertyListSerializationError;
+using SerializationError = PropertyListSerializationError;
 
 [[noreturn]] void throwTooDeep(std::size_t maximumDepth) {
-    throw Error("nesting deeper than " + std::to_string(maximumDepth) + " levels");
+    throw SerializationError("nesting deeper than " + std::to_string(maximumDepth) + " levels");
 }
 
 // Appends the UTF-8 form of `codePoint`.
@@ -137,7 +137,8 @@ class XMLWriter {
 
     void writeText(std::string_view text, const char* what) {
         if (!isValidUTF8(text)) {
-            throw Error(std::string(what) + " at " + path_.description() + " is not valid UTF-8");
+            throw SerializationError(std::string(what) + " at " + path_.description() +
+                                     " is not valid UTF-8");
         }
         for (char c : text) {
             switch (c) {
@@ -159,8 +160,9 @@ class XMLWriter {
                     break;
                 default:
                     if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
-                        throw Error(std::string(what) + " at " + path_.description() +
-                                    " holds a control character that XML cannot carry");
+                        throw SerializationError(
+                            std::string(what) + " at " + path_.description() +
+                            " holds a control character that XML cannot carry");
                     }
                     out_ += c;
             }
@@ -203,8 +205,9 @@ class XMLWriter {
                 const double seconds = value.getIf<PlistDate>()->secondsSinceReferenceDate;
                 std::optional<std::string> text = xmlDateText(seconds);
                 if (!text) {
-                    throw Error("a date at " + path_.description() +
-                                " is outside the years 1 to 9999, which XML dates cannot carry");
+                    throw SerializationError(
+                        "a date at " + path_.description() +
+                        " is outside the years 1 to 9999, which XML dates cannot carry");
                 }
                 writeElement("date", *text, depth);
                 return;
@@ -378,7 +381,8 @@ class BinaryWriter {
             checkText(*text, "a string");
         } else if (const auto* date = value.getIf<PlistDate>()) {
             if (!std::isfinite(date->secondsSinceReferenceDate)) {
-                throw Error("a date at " + path_.description() + " is not a finite number");
+                throw SerializationError("a date at " + path_.description() +
+                                         " is not a finite number");
             }
         }
         objects_[index].references = std::move(references);
@@ -394,8 +398,8 @@ class BinaryWriter {
             path_.pushKey(name);
             checkText(name, "a dictionary key");
             if (name.find('\0') != std::string::npos) {
-                throw Error("a dictionary key at " + path_.description() +
-                            " contains a NUL character");
+                throw SerializationError("a dictionary key at " + path_.description() +
+                                         " contains a NUL character");
             }
             references.push_back(objects_.size());
             objects_.push_back(Object{nullptr, &name, nullptr, {}});
@@ -411,7 +415,8 @@ class BinaryWriter {
 
     void checkText(std::string_view text, const char* what) const {
         if (!isValidUTF8(text)) {
-            throw Error(std::string(what) + " at " + path_.description() + " is not valid UTF-8");
+            throw SerializationError(std::string(what) + " at " + path_.description() +
+                                     " is not valid UTF-8");
         }
     }
 
@@ -540,7 +545,7 @@ class BinaryReader {
 
   private:
     [[noreturn]] static void damaged(const char* what) {
-        throw Error(std::string("damaged binary property list: ") + what);
+        throw SerializationError(std::string("damaged binary property list: ") + what);
     }
 
     const std::uint8_t* objectStart(std::uint64_t index) const {
@@ -580,7 +585,7 @@ class BinaryReader {
         if (type == 0x50) {
             need(cursor, length);
             std::string result(reinterpret_cast<const char*>(cursor), length);
-            if (!isValidUTF8(result)) throw Error("a string is not valid text");
+            if (!isValidUTF8(result)) throw SerializationError("a string is not valid text");
             return result;
         }
         if (length > std::numeric_limits<std::uint64_t>::max() / 2) damaged("bad length");
@@ -597,7 +602,8 @@ class BinaryReader {
                     continue;
                 }
             }
-            if (unit >= 0xD800 && unit <= 0xDFFF) throw Error("a string is not valid UTF-16");
+            if (unit >= 0xD800 && unit <= 0xDFFF)
+                throw SerializationError("a string is not valid UTF-16");
             appendUTF8(result, unit);
         }
         return result;
@@ -610,7 +616,7 @@ class BinaryReader {
             case 0x00:
                 if (marker == 0x08) return PlistValue(false);
                 if (marker == 0x09) return PlistValue(true);
-                throw Error("unsupported value kind");
+                throw SerializationError("unsupported value kind");
             case 0x10: {
                 const std::size_t size = std::size_t{1} << (marker & 0x0F);
                 need(cursor, size);
@@ -627,7 +633,7 @@ class BinaryReader {
                     if (high == (negative ? ~std::uint64_t{0} : 0)) {
                         return PlistValue(static_cast<std::int64_t>(low));
                     }
-                    throw Error(integerOutOfRangeMessage(high, low));
+                    throw SerializationError(integerOutOfRangeMessage(high, low));
                 }
                 damaged("bad integer size");
             }
@@ -654,7 +660,7 @@ class BinaryReader {
             case 0x60:
                 return PlistValue(text(marker, cursor));
             case 0x80:
-                throw Error("unsupported value: a keyed-archive UID");
+                throw SerializationError("unsupported value: a keyed-archive UID");
             case 0xA0:
             case 0xC0: {
                 const std::uint64_t length = count(marker, cursor);
@@ -691,7 +697,7 @@ class BinaryReader {
                 return PlistValue(std::move(dictionary));
             }
             default:
-                throw Error("unsupported value kind");
+                throw SerializationError("unsupported value kind");
         }
     }
 

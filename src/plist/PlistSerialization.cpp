@@ -28,10 +28,11 @@ namespace mirels {
 
 namespace {
 
-using Error = PropertyListSerializationError;
+using SerializationError = PropertyListSerializationError;
 
 [[noreturn]] void throwTooDeep() {
-    throw Error("nesting deeper than " + std::to_string(maximumPropertyListDepth) + " levels");
+    throw SerializationError("nesting deeper than " + std::to_string(maximumPropertyListDepth) +
+                             " levels");
 }
 
 // MARK: - Big-endian helpers
@@ -54,7 +55,7 @@ void writeBigEndian(std::uint8_t* bytes, std::uint64_t value, std::size_t size) 
 constexpr std::uint8_t binaryDateMarker = 0x33;
 
 LibplistNode makeDateNode(double seconds) {
-    if (!std::isfinite(seconds)) throw Error("date is not a finite number");
+    if (!std::isfinite(seconds)) throw SerializationError("date is not a finite number");
     // A one-object binary property list: header, the date object, a one-entry offset table
     // and the 32-byte trailer.
     std::uint8_t blob[8 + 9 + 1 + 32] = {'b', 'p', 'l', 'i', 's', 't', '0', '0', binaryDateMarker};
@@ -97,7 +98,7 @@ double dateSeconds(plist_t node) {
 
 void checkNoNul(std::string_view text, const char* what) {
     if (text.find('\0') != std::string_view::npos) {
-        throw Error(std::string(what) + " contains a NUL character");
+        throw SerializationError(std::string(what) + " contains a NUL character");
     }
 }
 
@@ -139,7 +140,7 @@ LibplistNode makeNode(const PlistValue& value, std::size_t depth) {
         case PlistValue::Kind::dictionary:
             return makeDictionaryNode(*value.getIf<PlistDictionary>(), depth);
     }
-    throw Error("unknown value kind");
+    throw SerializationError("unknown value kind");
 }
 
 LibplistNode makeDictionaryNode(const PlistDictionary& entries, std::size_t depth) {
@@ -155,7 +156,7 @@ LibplistNode makeDictionaryNode(const PlistDictionary& entries, std::size_t dept
 // MARK: - libplist -> PlistValue
 
 PlistValue convertNode(plist_t node, std::size_t depth) {
-    if (node == nullptr) throw Error("missing value");
+    if (node == nullptr) throw SerializationError("missing value");
     switch (plist_get_node_type(node)) {
         case PLIST_BOOLEAN: {
             std::uint8_t flag = 0;
@@ -225,9 +226,9 @@ PlistValue convertNode(plist_t node, std::size_t depth) {
             return PlistValue(std::move(dictionary));
         }
         case PLIST_UID:
-            throw Error("unsupported value: a keyed-archive UID");
+            throw SerializationError("unsupported value: a keyed-archive UID");
         default:
-            throw Error("unsupported value kind");
+            throw SerializationError("unsupported value kind");
     }
 }
 
@@ -239,12 +240,12 @@ PlistValue convertNode(plist_t node, std::size_t depth) {
 void checkBinaryStructure(std::span<const std::uint8_t> bytes) {
     constexpr std::size_t headerSize = 8;
     constexpr std::size_t trailerSize = 32;
-    auto damaged = [](const char* what) -> Error {
-        return Error(std::string("damaged binary property list: ") + what);
+    auto damaged = [](const char* what) -> SerializationError {
+        return SerializationError(std::string("damaged binary property list: ") + what);
     };
     if (bytes.size() < headerSize + trailerSize + 1) throw damaged("truncated");
     if (std::memcmp(bytes.data(), "bplist00", headerSize) != 0) {
-        throw Error("unsupported binary property list version");
+        throw SerializationError("unsupported binary property list version");
     }
     const std::uint8_t* data = bytes.data();
     const std::uint8_t* trailer = data + bytes.size() - trailerSize;
@@ -412,8 +413,8 @@ void checkXMLInteger(std::string_view content) {
     const char* first = content.front() == '+' ? digits.data() : content.data();
     auto [next, error] = std::from_chars(first, content.data() + content.size(), value);
     if (error != std::errc() || next != content.data() + content.size()) {
-        throw Error("the integer " + std::string(content) +
-                    " is outside the signed 64-bit range this library holds");
+        throw SerializationError("the integer " + std::string(content) +
+                                 " is outside the signed 64-bit range this library holds");
     }
 }
 
@@ -423,8 +424,8 @@ void checkXMLInteger(std::string_view content) {
 // double-quoted strings, tags at ">" outside double-quoted attribute values. Anything it does
 // not understand is refused, never skipped.
 void checkXMLStructure(std::string_view text) {
-    auto malformed = [](const std::string& what) -> Error {
-        return Error("malformed XML property list: " + what);
+    auto malformed = [](const std::string& what) -> SerializationError {
+        return SerializationError("malformed XML property list: " + what);
     };
     auto findOutsideQuotes = [&](std::string_view needle, std::size_t from) {
         std::size_t i = from;
@@ -510,9 +511,9 @@ struct LibplistTree {
 };
 
 PlistValue parseBytes(std::span<const std::uint8_t> bytes) {
-    if (bytes.empty()) throw Error("empty input");
+    if (bytes.empty()) throw SerializationError("empty input");
     if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
-        throw Error("input too large (4 GiB or more)");
+        throw SerializationError("input too large (4 GiB or more)");
     }
     const auto* chars = reinterpret_cast<const char*>(bytes.data());
     LibplistTree tree;
@@ -523,11 +524,11 @@ PlistValue parseBytes(std::span<const std::uint8_t> bytes) {
         std::string_view text(chars, bytes.size());
         if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);  // a UTF-8 byte-order mark
         std::size_t first = text.find_first_not_of(" \t\r\n");
-        if (first == std::string_view::npos) throw Error("empty input");
-        if (text[first] != '<') throw Error("not a property list");
+        if (first == std::string_view::npos) throw SerializationError("empty input");
+        if (text[first] != '<') throw SerializationError("not a property list");
         checkXMLStructure(text);
         plist_from_xml(text.data(), static_cast<std::uint32_t>(text.size()), &tree.root);
-        if (tree.root == nullptr) throw Error("not a property list");
+        if (tree.root == nullptr) throw SerializationError("not a property list");
     }
     return convertNode(tree.root, 0);
 }
@@ -562,8 +563,8 @@ PropertyList parsePropertyListDictionary(std::span<const std::uint8_t> bytes) {
     PlistValue value = parseBytes(bytes);
     auto* dictionary = value.getIf<PlistDictionary>();
     if (dictionary == nullptr) {
-        throw Error("the top-level value is " + std::string(plistKindName(value.kind())) +
-                    ", not a Dictionary");
+        throw SerializationError("the top-level value is " +
+                                 std::string(plistKindName(value.kind())) + ", not a Dictionary");
     }
     return PropertyList(std::move(*dictionary));
 }

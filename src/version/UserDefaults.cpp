@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "../core/SystemErrorText.h"
 #include "mirels/core/FatalError.h"
 #include "mirels/platform/Log.h"
 #include "mirels/plist/PlistSerialization.h"
@@ -27,10 +28,6 @@ constexpr off_t maximumFileSize = off_t{64} * 1024 * 1024;
 const Logger& defaultsLog() {
     static const auto* logger = new Logger(std::string(UserDefaults::standardDomain), "defaults");
     return *logger;
-}
-
-std::string errnoText(int error) {
-    return std::system_category().message(error);
 }
 
 void checkDomain(std::string_view domain) {
@@ -58,14 +55,14 @@ std::filesystem::path homeDirectory() {
 // Reads a whole file; an error text on failure.
 std::optional<std::string> readFile(const std::filesystem::path& file, std::string& contents) {
     int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return "cannot open: " + errnoText(errno);
+    if (fd < 0) return "cannot open: " + detail::systemErrorText(errno);
     std::optional<std::string> problem;
     char buffer[16384];
     while (true) {
         ssize_t count = ::read(fd, buffer, sizeof buffer);
         if (count < 0) {
             if (errno == EINTR) continue;
-            problem = "cannot read: " + errnoText(errno);
+            problem = "cannot read: " + detail::systemErrorText(errno);
             break;
         }
         if (count == 0) break;
@@ -87,7 +84,7 @@ std::optional<std::string> replaceFile(const std::filesystem::path& file,
     if (error) return "cannot create its folder: " + error.message();
     std::string temporary = file.string() + ".XXXXXX";
     int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
-    if (fd < 0) return "cannot create a temporary file: " + errnoText(errno);
+    if (fd < 0) return "cannot create a temporary file: " + detail::systemErrorText(errno);
     const char* data = contents.data();
     std::size_t left = contents.size();
     std::optional<std::string> problem;
@@ -95,17 +92,17 @@ std::optional<std::string> replaceFile(const std::filesystem::path& file,
         ssize_t written = ::write(fd, data, left);
         if (written < 0) {
             if (errno == EINTR) continue;
-            problem = "cannot write: " + errnoText(errno);
+            problem = "cannot write: " + detail::systemErrorText(errno);
             break;
         }
         data += written;
         left -= static_cast<std::size_t>(written);
     }
     // Flushed before the rename, so that a crash leaves the old file or the new one, whole.
-    if (!problem && ::fsync(fd) != 0) problem = "cannot write: " + errnoText(errno);
-    if (::close(fd) != 0 && !problem) problem = "cannot write: " + errnoText(errno);
+    if (!problem && ::fsync(fd) != 0) problem = "cannot write: " + detail::systemErrorText(errno);
+    if (::close(fd) != 0 && !problem) problem = "cannot write: " + detail::systemErrorText(errno);
     if (!problem && ::rename(temporary.c_str(), file.c_str()) != 0) {
-        problem = "cannot replace it: " + errnoText(errno);
+        problem = "cannot replace it: " + detail::systemErrorText(errno);
     }
     if (problem) ::unlink(temporary.c_str());
     return problem;

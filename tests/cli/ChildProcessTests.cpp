@@ -14,7 +14,7 @@
 namespace mirels {
 namespace {
 
-std::shared_ptr<ChildProcess> probe(std::vector<std::string> arguments) {
+std::shared_ptr<ChildProcess> probeProcess(std::vector<std::string> arguments) {
     auto child = ChildProcess::create();
     child->setExecutableURL(testing::probePath());
     child->setArguments(std::move(arguments));
@@ -46,8 +46,8 @@ TEST(ChildProcessTest, ChildStartsCleanWhateverTheParentIgnoresBlocksOrLeavesOpe
     const int leaky = ::open("/dev/null", O_RDONLY);  // no O_CLOEXEC on purpose
     ASSERT_GE(leaky, 0);
 
-    const std::string signals = outputOf(probe({"signals"}));
-    const std::string descriptors = outputOf(probe({"fds"}));
+    const std::string signals = outputOf(probeProcess({"signals"}));
+    const std::string descriptors = outputOf(probeProcess({"fds"}));
 
     ::close(leaky);
     ::pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
@@ -57,7 +57,7 @@ TEST(ChildProcessTest, ChildStartsCleanWhateverTheParentIgnoresBlocksOrLeavesOpe
 }
 
 TEST(ChildProcessTest, ReportsExitAndSignalTerminations) {
-    auto exited = probe({"exit", "7"});
+    auto exited = probeProcess({"exit", "7"});
     EXPECT_FALSE(exited->isRunning());
     EXPECT_EQ(exited->processIdentifier(), 0);
     exited->launch();
@@ -71,7 +71,7 @@ TEST(ChildProcessTest, ReportsExitAndSignalTerminations) {
     ASSERT_TRUE(again.has_value());
     EXPECT_EQ(again->as<ProcessError>()->step(), ProcessError::Step::alreadyLaunched);
 
-    auto signaled = probe({"sleep", "30000"});
+    auto signaled = probeProcess({"sleep", "30000"});
     signaled->launch();
     EXPECT_TRUE(signaled->isRunning());
     EXPECT_TRUE(signaled->suspend());
@@ -95,7 +95,7 @@ TEST(ChildProcessTest, ReportsExitAndSignalTerminations) {
 TEST(ChildProcessDeathTest, ReadingTheStatusOfARunningChildStops) {
     EXPECT_DEATH(
         {
-            auto child = probe({"sleep", "2000"});
+            auto child = probeProcess({"sleep", "2000"});
             child->launch();
             (void)child->terminationStatus();
         },
@@ -106,7 +106,7 @@ TEST(ChildProcessTest, DrainsBothOutputPipesOnOneThreadAndBeforeTermination) {
     // 4 MiB to standard error before a byte on standard output: reading only one pipe would
     // deadlock; and every byte is there when the termination handler runs.
     constexpr std::size_t size = 4 << 20;
-    auto child = probe({"flood", std::to_string(size)});
+    auto child = probeProcess({"flood", std::to_string(size)});
     auto out = Pipe::create();
     auto err = Pipe::create();
     child->setStandardOutput(ProcessStandardStream::pipe(out));
@@ -132,7 +132,7 @@ TEST(ChildProcessTest, DrainsBothOutputPipesOnOneThreadAndBeforeTermination) {
 }
 
 TEST(ChildProcessTest, InputWriterSeesABrokenPipeInsteadOfDying) {
-    auto child = probe({"noread"});
+    auto child = probeProcess({"noread"});
     auto input = Pipe::create();
     child->setStandardInput(ProcessStandardStream::pipe(input));
     child->setStandardOutput(ProcessStandardStream::nullDevice());
@@ -148,7 +148,7 @@ TEST(ChildProcessTest, InputWriterSeesABrokenPipeInsteadOfDying) {
     EXPECT_EQ(child->terminationStatus(), 0);
 
     // And a child that reads its input gets all of it.
-    auto echo = probe({"echoinput"});
+    auto echo = probeProcess({"echoinput"});
     auto feed = Pipe::create();
     echo->setStandardInput(ProcessStandardStream::pipe(feed));
     auto result = Pipe::create();
@@ -164,7 +164,7 @@ TEST(ChildProcessTest, InputWriterSeesABrokenPipeInsteadOfDying) {
 }
 
 TEST(ChildProcessTest, TerminateWithGraceKillsAStubbornChild) {
-    auto child = probe({"ignoreterm"});
+    auto child = probeProcess({"ignoreterm"});
     auto out = Pipe::create();
     child->setStandardOutput(ProcessStandardStream::pipe(out));
     child->launch();

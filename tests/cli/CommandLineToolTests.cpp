@@ -136,7 +136,7 @@ TEST_F(ToolTest, MissingAndUnknownCommandsPrintTheUsagePageFirst) {
 }
 
 /// Runs the probe tool with `arguments` on a pipe.
-testing::ChildResult probe(const std::vector<std::string>& arguments) {
+testing::ChildResult runProbeTool(const std::vector<std::string>& arguments) {
     return testing::runChild(std::string(MIRELS_TEST_PROGRAM_DIR) + "/cli_tool_probe", arguments,
                              {{"LSCOLORS", "ExGxBxDxCxEgEdxbxgxcxd"}});
 }
@@ -153,39 +153,39 @@ TEST(CommandLineToolProcess, RunEndsTheProcessWithStatusOneOnFailure) {
         "exit-with STATUS\n\nReports an error and exits with a status.\n\n\n\n\n"
         "throw-plain \n\nFails with an error that is not readable.\n\n\n\n\n";
 
-    auto result = probe({});
+    auto result = runProbeTool({});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.output, usage + "*** Must pass command\n");
 
-    result = probe({"--help"});
+    result = runProbeTool({"--help"});
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_EQ(result.output, usage);
 
-    result = probe({"frob"});
+    result = runProbeTool({"frob"});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.output, usage + "*** Unknown command \"frob\"\n");
 
-    result = probe({"build", "a", "-j=4", "--output", "o", "b", "-v"});
+    result = runProbeTool({"build", "a", "-j=4", "--output", "o", "b", "-v"});
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_EQ(result.output, "output=o verbose=yes jobs=4 files: a b\n");
 
-    result = probe({"build", "--x"});
+    result = runProbeTool({"build", "--x"});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.output, "*** Unknown command line option \"--x\"\n");
 
-    result = probe({"build", "-j", "4x"});
+    result = runProbeTool({"build", "-j", "4x"});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.output, "*** Invalid integer passed for \"jobs\": \"4x\"\n");
 
-    result = probe({"throw-plain"});
+    result = runProbeTool({"throw-plain"});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.output, "*** plain failure\n");
 
     // printError with a status, and no colour on a pipe even with LSCOLORS set.
-    result = probe({"exit-with", "7"});
+    result = runProbeTool({"exit-with", "7"});
     EXPECT_EQ(result.exitCode, 7);
     EXPECT_EQ(result.output, "*** leaving\n");
-    result = probe({"colors"});
+    result = runProbeTool({"colors"});
     EXPECT_EQ(result.output, "plain\nx\ny\n*** bad\n");
 }
 

@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "../support/LockChecks.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/core/UnfairLock.h"
 #include "mirels/execution/ThreadGuard.h"
@@ -14,17 +15,13 @@
 namespace mirels {
 namespace {
 
+using testing::expectFreeThenExclusive;
+
 // The lock is free: a first try takes it, a second is refused, and it is given back. (A take
 // that depends on a result checked by an assertion is beyond the thread-safety analysis.)
-void expectFreeThenExclusive(UnfairLock& lock) MIRELS_NO_THREAD_SAFETY_ANALYSIS {
-    EXPECT_TRUE(lock.try_lock());
-    EXPECT_FALSE(lock.try_lock());
-    lock.unlock();
-}
-
 using testing::SoftAssertionRecorder;
 
-struct Point {
+struct Coordinates {
     int x = 0;
     int y = 0;
 };
@@ -35,9 +32,9 @@ TEST(ThreadSafe, ConvenienceOperations) {
     EXPECT_EQ(box.peek(), 2);
     EXPECT_EQ(box.unsafePeek(), 2);
 
-    auto shared = ThreadSafe<Point>::create(Point{1, 2});
-    shared->syncSetValue(&Point::y, 5);
-    EXPECT_EQ(shared->syncRead([](const Point& p) { return p.x * 10 + p.y; }), 15);
+    auto shared = ThreadSafe<Coordinates>::create(Coordinates{1, 2});
+    shared->syncSetValue(&Coordinates::y, 5);
+    EXPECT_EQ(shared->syncRead([](const Coordinates& p) { return p.x * 10 + p.y; }), 15);
 }
 
 TEST(ThreadSafe, AThrowingWriteReleasesTheLockAndKeepsItsChanges) {

@@ -6,19 +6,16 @@
 #include <thread>
 #include <vector>
 
+#include "../support/LockChecks.h"
 #include "mirels/core/UnfairLock.h"
 
 namespace mirels {
 namespace {
 
+using testing::expectFreeThenExclusive;
+
 // The lock is free: a first try takes it, a second is refused, and it is given back. (A take
 // that depends on a result checked by an assertion is beyond the thread-safety analysis.)
-void expectFreeThenExclusive(UnfairLock& lock) MIRELS_NO_THREAD_SAFETY_ANALYSIS {
-    EXPECT_TRUE(lock.try_lock());
-    EXPECT_FALSE(lock.try_lock());
-    lock.unlock();
-}
-
 // Holders that stay inside long enough for the others to give up spinning and sleep: every
 // thread gets through, never two at once, and no wake-up is lost (a lost one hangs the test).
 TEST(UnfairLockStress, SleepingWaitersAreWokenAndExclusionHolds) {

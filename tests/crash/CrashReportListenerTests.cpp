@@ -26,7 +26,7 @@ CrashReport reportOf(const std::string& name, std::int32_t pid, const std::strin
     return CrashReport(name, "309", pid, PlistDate{10}, std::nullopt, {}, {}, tag);
 }
 
-void writeFile(const std::filesystem::path& path, const std::string& text) {
+void writePrivateFile(const std::filesystem::path& path, const std::string& text) {
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     ASSERT_GE(fd, 0) << path;
     ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
@@ -36,8 +36,8 @@ void writeFile(const std::filesystem::path& path, const std::string& text) {
 /// Writes `report` into `folder` as `name`, in place or through a hidden temporary and a rename.
 void writeReport(const std::filesystem::path& folder, const std::string& name,
                  const CrashReport& report, bool rename) {
-    if (!rename) return writeFile(folder / name, report.jsonText());
-    writeFile(folder / ("." + name + ".tmp"), report.jsonText());
+    if (!rename) return writePrivateFile(folder / name, report.jsonText());
+    writePrivateFile(folder / ("." + name + ".tmp"), report.jsonText());
     ASSERT_EQ(std::rename((folder / ("." + name + ".tmp")).c_str(), (folder / name).c_str()), 0);
 }
 
@@ -60,12 +60,13 @@ TEST(CrashReportListenerTests, HandsOutCompleteReportsAndSkipsWhatItMustNotRead)
 
     // Skipped: a link to a report outside, a report that does not decode, one over the size
     // limit, a name that is not a report's, a report of another process.
-    writeFile(elsewhere / "outside.json", reportOf("Target", 1, "outside").jsonText());
+    writePrivateFile(elsewhere / "outside.json", reportOf("Target", 1, "outside").jsonText());
     ASSERT_EQ(symlink((elsewhere / "outside.json").c_str(), (elsewhere / "link.json").c_str()), 0);
     ASSERT_EQ(std::rename((elsewhere / "link.json").c_str(), (folder / "link.json").c_str()), 0);
-    writeFile(folder / "bad.json", R"({"name":"Target","bug_type":"309"})");
-    writeFile(folder / "huge.json", std::string(CrashReportListener::maximumReportSize + 1, ' '));
-    writeFile(folder / "notes.txt", reportOf("Target", 1, "txt").jsonText());
+    writePrivateFile(folder / "bad.json", R"({"name":"Target","bug_type":"309"})");
+    writePrivateFile(folder / "huge.json",
+                     std::string(CrashReportListener::maximumReportSize + 1, ' '));
+    writePrivateFile(folder / "notes.txt", reportOf("Target", 1, "txt").jsonText());
     writeReport(folder.path(), "other.json", reportOf("Other", 5, "other"), false);
     writeReport(folder.path(), "in-place.json", reportOf("Target", 1, "in place"), false);
     writeReport(folder.path(), "renamed.json", reportOf("Pid", 77, "renamed"), true);
@@ -116,7 +117,7 @@ TEST(CrashReportListenerTests, CancelAndTimeOutStopWatching) {
     EXPECT_EQ(listener->waitingCount(), 0u);
 
     // A folder that cannot be watched fails the request with the reason.
-    writeFile(folder / "file.json", "{}");
+    writePrivateFile(folder / "file.json", "{}");
     auto failed = CrashReportListener::create(folder / "file.json")->nextReport(1).unpleasantWait();
     ASSERT_TRUE(failed.isFailed());
     const auto* error = failed.resultIfCompleted()->failureError()->as<CrashReportListenerError>();

@@ -9,6 +9,7 @@
 #include <sstream>
 #include <thread>
 
+#include "../support/Files.h"
 #include "mirels/crash/CrashError.h"
 #include "mirels/crash/CrashReportListener.h"
 #include "mirels/crash/CrashReporter.h"
@@ -18,6 +19,8 @@
 
 namespace mirels {
 namespace {
+
+using testing::readFile;
 
 using namespace std::chrono_literals;
 using testing::TemporaryDirectory;
@@ -33,13 +36,6 @@ std::shared_ptr<ChildProcess> child(std::vector<std::string> arguments,
     process->setStandardOutput(ProcessStandardStream::nullDevice());
     process->setStandardError(ProcessStandardStream::nullDevice());
     return process;
-}
-
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream stream(path);
-    std::stringstream text;
-    text << stream.rdbuf();
-    return text.str();
 }
 
 std::vector<std::filesystem::path> reportsIn(const std::filesystem::path& folder) {

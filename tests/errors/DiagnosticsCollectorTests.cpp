@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "../support/Files.h"
 #include "../support/TemporaryDirectory.h"
 #include "mirels/errors/DiagnosticsCollector.h"
 #include "mirels/errors/DiagnosticsSummaryError.h"
@@ -17,6 +18,8 @@
 
 namespace mirels {
 namespace {
+
+using testing::readFile;
 
 /// An error that adds an attachment when it is collected.
 class DiskFullError final : public HumanReadableError {
@@ -28,13 +31,6 @@ class DiskFullError final : public HumanReadableError {
         collector.attach("df", "/ 100%\n/home 3%");
     }
 };
-
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    std::ostringstream text;
-    text << stream.rdbuf();
-    return std::move(text).str();
-}
 
 Issue::Clock::time_point at(std::int64_t milliseconds) {
     return Issue::Clock::time_point(std::chrono::milliseconds(milliseconds));

@@ -15,10 +15,10 @@ namespace {
 struct Plain {
     int code;
 };
-struct Base {
-    virtual ~Base() = default;
+struct TaggedBase {
+    virtual ~TaggedBase() = default;
 };
-struct Derived : Base {
+struct TaggedDerived : TaggedBase {
     int tag = 7;
 };
 
@@ -38,8 +38,9 @@ TEST(Error, TypedErrorsAnswerWithoutThrowing) {
     EXPECT_EQ(plain.as<Plain>()->code, 4);
     EXPECT_EQ(plain.exception(), nullptr);
     EXPECT_EQ(plain.description(), "Plain");
-    Error derived(Derived{});
-    EXPECT_EQ(derived.as<Base>(), static_cast<const Base*>(derived.as<Derived>()));
+    Error derived(TaggedDerived{});
+    EXPECT_EQ(derived.as<TaggedBase>(),
+              static_cast<const TaggedBase*>(derived.as<TaggedDerived>()));
     EXPECT_EQ(derived.as<Plain>(), nullptr);
 
     Error copy = error;
@@ -70,9 +71,10 @@ TEST(Error, ForeignErrorsKeepTheThrownObject) {
     EXPECT_EQ(capture("text").description(), "text");
     EXPECT_EQ(capture(Plain{1}).description(), "Plain");
     EXPECT_EQ(number.as<long>(), nullptr);
-    Error derived = capture(Derived{});
-    EXPECT_EQ(derived.as<Base>(), static_cast<const Base*>(derived.as<Derived>()));
-    EXPECT_EQ(derived.as<Derived>()->tag, 7);
+    Error derived = capture(TaggedDerived{});
+    EXPECT_EQ(derived.as<TaggedBase>(),
+              static_cast<const TaggedBase*>(derived.as<TaggedDerived>()));
+    EXPECT_EQ(derived.as<TaggedDerived>()->tag, 7);
     try {
         number.rethrow();
     } catch (const int& n) {

@@ -5,6 +5,7 @@
 #include <iterator>
 #include <string>
 
+#include "../support/Files.h"
 #include "errors/RemoteErrorScenarios.h"
 #include "mirels/plist/PlistSerialization.h"
 #include "platform/ChildProcess.h"
@@ -12,12 +13,9 @@
 namespace mirels {
 namespace {
 
-namespace fs = std::filesystem;
+using testing::readFile;
 
-std::string readFile(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
+namespace fs = std::filesystem;
 
 class RemoteErrorTest : public ::testing::TestWithParam<const char*> {
   protected:

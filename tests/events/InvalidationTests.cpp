@@ -16,9 +16,10 @@ using testing::SoftAssertionRecorder;
 using Trace = InvalidationHandle::InvalidationTrace;
 
 /// A caller's type that is invalidated through a handle it owns.
-class Session final : public Invalidatable {
+class TrackedSession final : public Invalidatable {
   public:
-    explicit Session(std::string name) : handle_(InvalidationHandle::create(std::move(name))) {}
+    explicit TrackedSession(std::string name)
+        : handle_(InvalidationHandle::create(std::move(name))) {}
     InvalidationHandle& invalidationHandle() const override { return *handle_; }
 
   private:
@@ -77,7 +78,7 @@ TEST(Invalidation, BoundHandlesInvalidateEachOtherOnceAndTraceTheCascade) {
 
 TEST(Invalidation, ConformersObserveTrackAndManageTokens) {
     SoftAssertionRecorder reports;
-    Session session("session"), child("child");
+    TrackedSession session("session"), child("child");
     child.trackInvalidation(session);
     int observed = 0, managedCancels = 0;
     auto token = session.observeInvalidation([&] { ++observed; });
@@ -92,7 +93,7 @@ TEST(Invalidation, ConformersObserveTrackAndManageTokens) {
     // Afterwards, a managed token is canceled and a tracking object invalidated at once.
     trackInvalidation(CancellationToken::create([&] { ++managedCancels; }), session);
     EXPECT_EQ(managedCancels, 3);
-    Session late("late");
+    TrackedSession late("late");
     late.trackInvalidation(session);
     EXPECT_TRUE(late.isInvalidated());
     EXPECT_EQ(reports.count(), 0U);

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "../support/Time.h"
 #include "execution/Waiting.h"
 #include "mirels/execution/DelayedInvocation.h"
 #include "mirels/execution/StepScheduler.h"
@@ -15,11 +16,9 @@
 namespace mirels {
 namespace {
 
-using Mode = DelayedInvocation::Mode;
+using testing::ms;
 
-TimePeriod ms(std::int64_t count) {
-    return TimePeriod::from(std::chrono::milliseconds(count));
-}
+using Mode = DelayedInvocation::Mode;
 
 TEST(DelayedInvocation, DebounceRunsOnceAfterRequestsPauseForAWholeDelay) {
     testing::SoftAssertionRecorder reports;

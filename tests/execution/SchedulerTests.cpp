@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "../support/Time.h"
 #include "execution/Waiting.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/execution/DispatchScheduler.h"
@@ -16,12 +17,10 @@
 namespace mirels {
 namespace {
 
+using testing::ms;
+
 using namespace std::chrono_literals;
 using Tokens = std::vector<std::shared_ptr<CancellationToken>>;
-
-TimePeriod ms(std::int64_t count) {
-    return TimePeriod::from(std::chrono::milliseconds(count));
-}
 
 void cancelAll(Tokens& tokens) {
     for (auto& token : tokens) token->cancel();

@@ -15,7 +15,7 @@ Future<int> addOne(Future<int> input) {
     co_return value + 1;
 }
 
-Future<std::string> describe(Future<int> input) {
+Future<std::string> describeLater(Future<int> input) {
     try {
         co_return std::to_string(co_await input);
     } catch (const std::runtime_error& error) {
@@ -39,8 +39,9 @@ TEST(FutureCoroutines, AwaitGivesTheValueOrThrowsTheFailure) {
     promise.succeed(41);
     EXPECT_EQ(result.succeededValue(), 42);
 
-    EXPECT_EQ(describe(Future<int>::failed(Error(std::runtime_error("boom")))).succeededValue(),
-              "error: boom");
+    EXPECT_EQ(
+        describeLater(Future<int>::failed(Error(std::runtime_error("boom")))).succeededValue(),
+        "error: boom");
     auto escaped = addOne(Future<int>::failed(Error(std::logic_error("escapes"))));
     const auto* error = escaped.recentStateSnapshot().failedError()->as<std::logic_error>();
     ASSERT_NE(error, nullptr);

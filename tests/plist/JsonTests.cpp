@@ -11,13 +11,13 @@
 namespace mirels {
 namespace {
 
-struct Point {
+struct JsonPoint {
     std::int32_t x = 0;
     std::optional<std::int32_t> y;
 
-    static Point fromJson(const JsonValue& value) {
+    static JsonPoint fromJson(const JsonValue& value) {
         const JsonObject object = value.object();
-        Point point;
+        JsonPoint point;
         point.x = object.decode<std::int32_t>("x");
         point.y = object.decode<std::optional<std::int32_t>>("y");
         return point;
@@ -36,39 +36,39 @@ std::string failure(std::string_view text) {
     return "decoded";
 }
 
-using Points = OrderedDictionary<std::string, std::vector<Point>>;
+using JsonPoints = OrderedDictionary<std::string, std::vector<JsonPoint>>;
 
 TEST(JsonDecodingTests, ErrorsNameTheKeyPathAndWhatWasWrong) {
     using K = JsonDecodingError::Kind;
     auto expect = [](K kind, std::string path, std::string message) {
         return std::to_string(static_cast<int>(kind)) + "|" + path + "|" + message;
     };
-    EXPECT_EQ(failure<Points>(R"({"a":[{"x":1},{"x":2},{"y":3}]})"),
+    EXPECT_EQ(failure<JsonPoints>(R"({"a":[{"x":1},{"x":2},{"y":3}]})"),
               expect(K::keyNotFound, "a[2].x", "required key is missing"));
-    EXPECT_EQ(failure<Points>(R"({"a":[{"x":"1"}]})"),
+    EXPECT_EQ(failure<JsonPoints>(R"({"a":[{"x":"1"}]})"),
               expect(K::typeMismatch, "a[0].x", "expected an integer, found a string"));
-    EXPECT_EQ(failure<Points>(R"({"a":[{"x":null}]})"),
+    EXPECT_EQ(failure<JsonPoints>(R"({"a":[{"x":null}]})"),
               expect(K::valueNotFound, "a[0].x", "expected an integer, found null"));
-    EXPECT_EQ(failure<Points>(R"({"a":[{"x":2147483648}]})"),
+    EXPECT_EQ(failure<JsonPoints>(R"({"a":[{"x":2147483648}]})"),
               expect(K::numberOutOfRange, "a[0].x",
                      "the number 2147483648 does not fit a 32-bit signed integer"));
-    EXPECT_EQ(failure<Points>(R"({"a":[{"x":1.5}]})"),
+    EXPECT_EQ(failure<JsonPoints>(R"({"a":[{"x":1.5}]})"),
               expect(K::typeMismatch, "a[0].x", "expected an integer, found the number 1.5"));
-    EXPECT_EQ(failure<Points>(R"({"a":{"x":1}})"),
+    EXPECT_EQ(failure<JsonPoints>(R"({"a":{"x":1}})"),
               expect(K::typeMismatch, "a", "expected an array, found an object"));
-    EXPECT_EQ(failure<Points>(R"([1])"),
+    EXPECT_EQ(failure<JsonPoints>(R"([1])"),
               expect(K::typeMismatch, "", "expected an object, found an array"));
 
     // Malformed text of every sort fails at parse time, before any typed read.
     for (std::string_view text : {"", "{", R"({"a":[}])", R"({"a":1} x)", R"({"a":tru})",
                                   "{\"a\":\"\xff\"}", R"({"a":01})", R"({'a':1})"}) {
-        const std::string result = failure<Points>(text);
+        const std::string result = failure<JsonPoints>(text);
         EXPECT_TRUE(result.starts_with("0||malformed JSON: ")) << text << " -> " << result;
     }
 
     // The human-readable texts put the path first.
     try {
-        (void)decodeJson<Points>(R"({"a":[{"x":true}]})");
+        (void)decodeJson<JsonPoints>(R"({"a":[{"x":true}]})");
         ADD_FAILURE();
     } catch (const JsonDecodingError& error) {
         EXPECT_EQ(error.highValueTitle(), "Unable to decode JSON");
@@ -79,7 +79,7 @@ TEST(JsonDecodingTests, ErrorsNameTheKeyPathAndWhatWasWrong) {
 TEST(JsonDecodingTests, OptionalsOrderAndNumbers) {
     // Absent and null optionals read as nothing, unknown keys are ignored, object order is the
     // text's order (not sorted, not hashed), a repeated key keeps its first position.
-    const auto points = decodeJson<Points>(
+    const auto points = decodeJson<JsonPoints>(
         R"({"zeta":[{"x":1,"y":null,"other":[1,2,{"deep":true}]}],"alpha":[{"x":-2147483648,"y":7}],"mid":[]})");
     std::vector<std::string> keys;
     for (const auto& [key, value] : points) keys.push_back(key);

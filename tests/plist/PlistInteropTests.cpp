@@ -21,19 +21,19 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::vector<std::uint8_t> readFile(const fs::path& file) {
+std::vector<std::uint8_t> readBytes(const fs::path& file) {
     std::ifstream stream(file, std::ios::binary);
     return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-void writeFile(const fs::path& file, std::span<const std::uint8_t> bytes) {
+void writeBytes(const fs::path& file, std::span<const std::uint8_t> bytes) {
     std::ofstream(file, std::ios::binary)
         .write(reinterpret_cast<const char*>(bytes.data()),
                static_cast<std::streamsize>(bytes.size()));
 }
 
 std::string textOf(const fs::path& file) {
-    std::vector<std::uint8_t> bytes = readFile(file);
+    std::vector<std::uint8_t> bytes = readBytes(file);
     return {bytes.begin(), bytes.end()};
 }
 
@@ -90,8 +90,8 @@ TEST(PlistInterop, PlistlibAndTheLibraryReadEachOthersFilesIntact) {
     const fs::path log = folder / "python.log";
     ASSERT_EQ(runPython("write", folder.path(), log), 0) << textOf(log);
 
-    const PlistValue fromXML = parsePropertyList(readFile(folder / "py.xml"));
-    const PlistValue fromBinary = parsePropertyList(readFile(folder / "py.bin"));
+    const PlistValue fromXML = parsePropertyList(readBytes(folder / "py.xml"));
+    const PlistValue fromBinary = parsePropertyList(readBytes(folder / "py.bin"));
     {
         SCOPED_TRACE("XML written by plistlib");
         expectOriginals(fromXML);
@@ -100,13 +100,13 @@ TEST(PlistInterop, PlistlibAndTheLibraryReadEachOthersFilesIntact) {
         SCOPED_TRACE("binary written by plistlib");
         expectOriginals(fromBinary);
     }
-    const PlistValue withNul = parsePropertyList(readFile(folder / "py-nul.bin"));
+    const PlistValue withNul = parsePropertyList(readBytes(folder / "py-nul.bin"));
     EXPECT_EQ(at(withNul, "nul"), PlistValue(std::string("a\0b", 3)));
     EXPECT_EQ(at(withNul, "only"), PlistValue(std::string("\0", 1)));
     // Integers above the signed 64-bit range are refused with a clear error, never wrapped.
     for (const char* name : {"py-big.xml", "py-big.bin"}) {
         try {
-            PlistValue read = parsePropertyList(readFile(folder / name));
+            PlistValue read = parsePropertyList(readBytes(folder / name));
             ADD_FAILURE() << name << " read as " << describe(read);
         } catch (const PropertyListSerializationError& error) {
             EXPECT_STREQ(error.what(),
@@ -116,9 +116,9 @@ TEST(PlistInterop, PlistlibAndTheLibraryReadEachOthersFilesIntact) {
     }
 
     // What we write from those values, plistlib reads equal to its originals.
-    writeFile(folder / "ours.xml", bytesOf(toXML(fromXML)));
-    writeFile(folder / "ours.bin", toBinary(fromBinary));
-    writeFile(folder / "ours-nul.bin", toBinary(withNul));
+    writeBytes(folder / "ours.xml", bytesOf(toXML(fromXML)));
+    writeBytes(folder / "ours.bin", toBinary(fromBinary));
+    writeBytes(folder / "ours-nul.bin", toBinary(withNul));
     EXPECT_EQ(runPython("check", folder.path(), log), 0) << textOf(log);
 }
 

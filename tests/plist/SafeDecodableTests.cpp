@@ -22,21 +22,22 @@ struct Limits {
     }
 };
 
-struct Settings {
+struct DecodedSettings {
     SafeDecodable<std::string> name;
     SafeDecodableArray<Limits> limits;
     SafeDecodableDictionary<UUID, std::uint8_t> levels;
 
-    static Settings fromJson(const JsonValue& value) {
+    static DecodedSettings fromJson(const JsonValue& value) {
         const JsonObject object = value.object();
-        return Settings{SafeDecodable<std::string>::fromJson(object, "name"),
-                        object.decode<SafeDecodableArray<Limits>>("limits"),
-                        object.decode<SafeDecodableDictionary<UUID, std::uint8_t>>("levels")};
+        return DecodedSettings{
+            SafeDecodable<std::string>::fromJson(object, "name"),
+            object.decode<SafeDecodableArray<Limits>>("limits"),
+            object.decode<SafeDecodableDictionary<UUID, std::uint8_t>>("levels")};
     }
 };
 
 TEST(SafeDecodable, JsonKeepsTheGoodSkipsTheBadAndNamesEachPath) {
-    const auto settings = decodeJson<Settings>(R"({
+    const auto settings = decodeJson<DecodedSettings>(R"({
         "limits": [{"width": 1, "height": 2}, {"width": "wide", "height": 2}, {"width": 5},
                    {"width": 3, "height": 4}],
         "levels": {"123e4567-e89b-42d3-a456-426614174000": 7, "not-a-uuid": 1,

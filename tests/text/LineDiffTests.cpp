@@ -9,25 +9,17 @@
 #include <string>
 #include <vector>
 
+#include "../support/Files.h"
 #include "../support/TemporaryDirectory.h"
 #include "mirels/text/LineDiff.h"
 
 namespace mirels {
 namespace {
 
+using testing::readFile;
+using testing::writeFile;
+
 using Operation = EditScript::Operation;
-
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    std::ostringstream text;
-    text << stream.rdbuf();
-    return std::move(text).str();
-}
-
-void writeFile(const std::filesystem::path& path, std::string_view text) {
-    std::ofstream stream(path, std::ios::binary);
-    stream.write(text.data(), static_cast<std::streamsize>(text.size()));
-}
 
 /// A random text over a few distinct lines (so that there is much to match), with or without a
 /// final line feed.

@@ -14,6 +14,7 @@
 #include <sstream>
 #include <thread>
 
+#include "../support/Files.h"
 #include "mirels/crash/CrashReport.h"
 #include "mirels/plist/PlistSerialization.h"
 #include "mirels/plist/PropertyListError.h"
@@ -24,6 +25,9 @@ extern char** environ;  // NOLINT(readability-redundant-declaration)
 
 namespace mirels {
 namespace {
+
+using testing::readFile;
+using testing::writeFile;
 
 using testing::TemporaryDirectory;
 
@@ -38,7 +42,7 @@ const std::string crashingDirectory = MIRELS_CRASHING_EXAMPLES_DIR;
 const std::string crashingDirectory;
 #endif
 const std::string reportsDirectory = std::string(MIRELS_TEST_SOURCE_DIR) + "/../examples/reports";
-const std::string childPath = std::string(MIRELS_TEST_PROGRAM_DIR) + "/crash_reporter_child";
+const std::string crasherPath = std::string(MIRELS_TEST_PROGRAM_DIR) + "/crash_reporter_child";
 
 struct ToolRun {
     int status = -1;  // the exit status, or 128 + signal
@@ -113,17 +117,6 @@ ToolRun runTool(const std::vector<std::string>& arguments, bool terminal = false
     run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     if (terminal) run.output = std::regex_replace(run.output, std::regex("\r\n"), "\n");
     return run;
-}
-
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream stream(path);
-    std::stringstream text;
-    text << stream.rdbuf();
-    return text.str();
-}
-
-void writeFile(const std::filesystem::path& path, std::string_view text) {
-    std::ofstream(path, std::ios::binary) << text;
 }
 
 /// The report path the tool printed after "Report: ".
@@ -219,7 +212,7 @@ TEST_F(MirelsToolTest, CrashRunExplainsEachCrashingExampleAndItsReportNamesTheFu
     }
 
     // Arguments after the program reach it verbatim; a clean exit passes its status through.
-    const ToolRun passed = runTool({"crash", "run", "--folder", folder.path().string(), childPath,
+    const ToolRun passed = runTool({"crash", "run", "--folder", folder.path().string(), crasherPath,
                                     "exit", "7", "-x", "--lines", "a=b"});
     EXPECT_EQ(passed.status, 7);
     EXPECT_EQ(passed.output, "-x\n--lines\na=b\n");
@@ -265,7 +258,7 @@ TEST_F(MirelsToolTest, ExplainGoesOnAfterBadFilesAndWatchWaitsForTheNextReport) 
         std::thread watcher([&] { watched = runTool(arguments); });
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
         const ToolRun crashed =
-            runTool({"crash", "run", "--folder", folder.path().string(), childPath, "deep", "3"});
+            runTool({"crash", "run", "--folder", folder.path().string(), crasherPath, "deep", "3"});
         watcher.join();
         EXPECT_EQ(crashed.status, 128 + SIGSEGV);
         EXPECT_EQ(watched.status, 0) << watched.output;

@@ -19,7 +19,7 @@ namespace {
 namespace fs = std::filesystem;
 using Case = BuildNumber::Invalid::Case;
 
-std::optional<Case> failure(std::string_view text) {
+std::optional<Case> invalidCase(std::string_view text) {
     try {
         BuildNumber parsed(text);
         (void)parsed;
@@ -38,29 +38,29 @@ TEST(BuildNumberTest, ParsesThePartsAndReportsTheFirstPartThatFails) {
     EXPECT_EQ(BuildNumber("1a1").rawMinorRelease(), 'a');  // stored as given
     EXPECT_EQ(BuildNumber("9223372036854775807Z9223372036854775807"), BuildNumber::distantFuture());
 
-    EXPECT_EQ(failure(""), Case::majorRelease);
-    EXPECT_EQ(failure("0A1"), Case::majorRelease);
-    EXPECT_EQ(failure("-3A1"), Case::majorRelease);
-    EXPECT_EQ(failure("A1"), Case::majorRelease);
-    EXPECT_EQ(failure(" 1A1"), Case::majorRelease);
+    EXPECT_EQ(invalidCase(""), Case::majorRelease);
+    EXPECT_EQ(invalidCase("0A1"), Case::majorRelease);
+    EXPECT_EQ(invalidCase("-3A1"), Case::majorRelease);
+    EXPECT_EQ(invalidCase("A1"), Case::majorRelease);
+    EXPECT_EQ(invalidCase(" 1A1"), Case::majorRelease);
     // Too large for 64 bits: invalid for its part, never wrapped.
-    EXPECT_EQ(failure("9223372036854775808A1"), Case::majorRelease);
-    EXPECT_EQ(failure("18446744073709551617A1"), Case::majorRelease);
-    EXPECT_EQ(failure("21"), Case::minorRelease);
-    EXPECT_EQ(failure("21-5"), Case::minorRelease);
-    EXPECT_EQ(failure("21\xC3\xA9"
-                      "5"),
+    EXPECT_EQ(invalidCase("9223372036854775808A1"), Case::majorRelease);
+    EXPECT_EQ(invalidCase("18446744073709551617A1"), Case::majorRelease);
+    EXPECT_EQ(invalidCase("21"), Case::minorRelease);
+    EXPECT_EQ(invalidCase("21-5"), Case::minorRelease);
+    EXPECT_EQ(invalidCase("21\xC3\xA9"
+                          "5"),
               Case::minorRelease);  // letters are ASCII letters
-    EXPECT_EQ(failure("21C"), Case::majorBuild);
-    EXPECT_EQ(failure("21C0"), Case::majorBuild);
-    EXPECT_EQ(failure("21CC5"), Case::majorBuild);
-    EXPECT_EQ(failure("21C9223372036854775808"), Case::majorBuild);
-    EXPECT_EQ(failure("21C5021-"), Case::minorBuild);
-    EXPECT_EQ(failure("21C5021 "), Case::minorBuild);
-    EXPECT_EQ(failure("21C5021\xC3\xA9"), Case::minorBuild);
-    EXPECT_EQ(failure("21C5021a1"), Case::trailingCharacters);
-    EXPECT_EQ(failure("21C5021ab"), Case::trailingCharacters);
-    EXPECT_EQ(failure(std::string_view("21C5021a\0", 9)), Case::trailingCharacters);
+    EXPECT_EQ(invalidCase("21C"), Case::majorBuild);
+    EXPECT_EQ(invalidCase("21C0"), Case::majorBuild);
+    EXPECT_EQ(invalidCase("21CC5"), Case::majorBuild);
+    EXPECT_EQ(invalidCase("21C9223372036854775808"), Case::majorBuild);
+    EXPECT_EQ(invalidCase("21C5021-"), Case::minorBuild);
+    EXPECT_EQ(invalidCase("21C5021 "), Case::minorBuild);
+    EXPECT_EQ(invalidCase("21C5021\xC3\xA9"), Case::minorBuild);
+    EXPECT_EQ(invalidCase("21C5021a1"), Case::trailingCharacters);
+    EXPECT_EQ(invalidCase("21C5021ab"), Case::trailingCharacters);
+    EXPECT_EQ(invalidCase(std::string_view("21C5021a\0", 9)), Case::trailingCharacters);
 
     try {
         BuildNumber parsed("21C");

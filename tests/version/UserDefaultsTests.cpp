@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "../support/Files.h"
 #include "mirels/platform/Log.h"
 #include "mirels/plist/PlistSerialization.h"
 #include "mirels/version/UserDefaults.h"
@@ -15,16 +16,14 @@
 namespace mirels {
 namespace {
 
+using testing::writeFile;
+
 namespace fs = std::filesystem;
 
 class UserDefaultsTest : public ::testing::Test {
   protected:
     testing::TemporaryDirectory folder_{"mirels-defaults"};
 };
-
-void writeFile(const fs::path& file, std::string_view contents) {
-    std::ofstream(file, std::ios::binary) << contents;
-}
 
 TEST_F(UserDefaultsTest, SetAndRemoveRoundTripThroughTheFile) {
     fs::path file = folder_.path() / "nested" / "org.mirels.test.plist";
