@@ -118,7 +118,7 @@ class MIRELS_EXPORT FileHandle final : public std::enable_shared_from_this<FileH
     FileHandle& operator=(const FileHandle&) = delete;
 
     /// Takes ownership of `descriptor` and marks it close-on-exec.
-    static std::shared_ptr<FileHandle> create(int descriptor);
+    [[nodiscard]] static std::shared_ptr<FileHandle> create(int descriptor);
     /// "/dev/null", open for reading and writing. Throws `ProcessError` when it cannot be opened.
     static std::shared_ptr<FileHandle> nullDevice();
 
@@ -180,7 +180,7 @@ class MIRELS_EXPORT Pipe {
     Pipe(Key, std::shared_ptr<FileHandle> reading, std::shared_ptr<FileHandle> writing) noexcept;
 
     /// A new pipe. Throws `ProcessError` when the system has no descriptors left.
-    static std::shared_ptr<Pipe> create();
+    [[nodiscard]] static std::shared_ptr<Pipe> create();
 
     const std::shared_ptr<FileHandle>& fileHandleForReading() const noexcept { return reading_; }
     const std::shared_ptr<FileHandle>& fileHandleForWriting() const noexcept { return writing_; }
@@ -281,7 +281,7 @@ class MIRELS_EXPORT ChildProcess final : public std::enable_shared_from_this<Chi
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    static std::shared_ptr<ChildProcess> create();
+    [[nodiscard]] static std::shared_ptr<ChildProcess> create();
 
     // --- configuration ---
 

@@ -46,11 +46,11 @@ class MIRELS_EXPORT QKCommandLineProcess
     static std::shared_ptr<QKCommandLineProcess> initNoTask();
 
     // The same three, under the library's usual name for makers of reference types.
-    static std::shared_ptr<QKCommandLineProcess> create() { return init(); }
-    static std::shared_ptr<QKCommandLineProcess> create(std::shared_ptr<ChildProcess> task) {
+    [[nodiscard]] static std::shared_ptr<QKCommandLineProcess> create() { return init(); }
+    [[nodiscard]] static std::shared_ptr<QKCommandLineProcess> create(std::shared_ptr<ChildProcess> task) {
         return initWithTask(std::move(task));
     }
-    static std::shared_ptr<QKCommandLineProcess> createNoTask() { return initNoTask(); }
+    [[nodiscard]] static std::shared_ptr<QKCommandLineProcess> createNoTask() { return initNoTask(); }
 
     /// The wrapped process; null for a wrapper made with `initNoTask`.
     const std::shared_ptr<ChildProcess>& task() const noexcept { return task_; }

@@ -30,7 +30,7 @@ class MIRELS_EXPORT AutoCancelling {
     /// A new token whose cancelling empties this holder and then cancels every token that was in
     /// it, leaving the holder empty and usable. Each call makes a distinct token. The token does
     /// not keep the holder alive: cancelled after the holder is gone, it does nothing.
-    std::shared_ptr<CancellationToken> projectedValue();
+    [[nodiscard]] std::shared_ptr<CancellationToken> projectedValue();
 
   private:
     std::shared_ptr<CancellationTokenSet> tokens_;

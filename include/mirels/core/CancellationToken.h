@@ -49,7 +49,7 @@ class MIRELS_EXPORT CancellationToken final {
 
     /// A token whose cancelling runs `didCancel`. One allocation: the action's captures are
     /// stored inline when small.
-    static std::shared_ptr<CancellationToken> create(Action didCancel,
+    [[nodiscard]] static std::shared_ptr<CancellationToken> create(Action didCancel,
                                                      Callsite callsite = Callsite::current());
 
     template <class Payload>

@@ -49,7 +49,7 @@ class ThreadSafe final : public SynchronousAccessProviding<ThreadSafe<Value>, Va
     ThreadSafe(const ThreadSafe&) = delete;
     ThreadSafe& operator=(const ThreadSafe&) = delete;
 
-    static std::shared_ptr<ThreadSafe> create(Value value) {
+    [[nodiscard]] static std::shared_ptr<ThreadSafe> create(Value value) {
         return std::make_shared<ThreadSafe>(std::move(value));
     }
 

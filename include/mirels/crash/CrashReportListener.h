@@ -46,7 +46,7 @@ class MIRELS_EXPORT CrashReportListener {
     static constexpr std::size_t maximumReportSize = std::size_t{4} << 20;
 
     /// A listener on `folder`, or on `defaultFolder()`.
-    static std::shared_ptr<CrashReportListener> create(
+    [[nodiscard]] static std::shared_ptr<CrashReportListener> create(
         std::optional<std::filesystem::path> folder = std::nullopt);
 
     /// `$XDG_STATE_HOME/mirels/crash-reports`, or `$HOME/.local/state/mirels/crash-reports`.

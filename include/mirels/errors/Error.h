@@ -58,7 +58,7 @@ class MIRELS_EXPORT Error {
     explicit Error(std::exception_ptr exception);
 
     /// The exception being handled; call only inside a `catch` block.
-    static Error current() { return Error(std::current_exception()); }
+    [[nodiscard]] static Error current() { return Error(std::current_exception()); }
 
     /// Throws the error: a copy of a typed object, or the very object behind an exception_ptr.
     [[noreturn]] void rethrow() const {

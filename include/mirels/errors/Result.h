@@ -21,7 +21,7 @@ concept IsResultError = std::is_same_v<std::remove_cvref_t<E>, Error> ||
 
 /// A success-or-failure value: a `T`, or the `Error` that kept it from being made.
 template <class T>
-class Result {
+class [[nodiscard]] Result {
   public:
     using Value = T;
 
@@ -75,7 +75,7 @@ class Result {
 
 /// The success-or-failure of an operation that gives no value.
 template <>
-class Result<void> {
+class [[nodiscard]] Result<void> {
   public:
     using Value = void;
 

@@ -60,7 +60,7 @@ class EventStream : public EventStreamOperators<EventStream<E>, E> {
         : observeAction_(std::make_shared<ObserveAction>(std::move(observeAction))) {}
 
     /// Subscribes `handler`; the token ends the subscription.
-    std::shared_ptr<CancellationToken> observe(Handler handler,
+    [[nodiscard]] std::shared_ptr<CancellationToken> observe(Handler handler,
                                                Callsite callsite = Callsite::current()) const {
         return (*observeAction_)(std::move(handler), callsite);
     }
@@ -130,7 +130,7 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
     using Event = E;
     using Handler = EventHandler<E>;
 
-    static std::shared_ptr<Sink> create() { return std::make_shared<Sink>(Key{}); }
+    [[nodiscard]] static std::shared_ptr<Sink> create() { return std::make_shared<Sink>(Key{}); }
 
     explicit Sink(Key) : storage_(std::make_shared<ThreadSafe<Subscribers>>()) {}
     Sink(const Sink&) = delete;
@@ -168,7 +168,7 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
     /// One allocation holds the token and the handler together; the subscriber table lists the
     /// subscription by a counted pointer, so a snapshot taken by a send keeps the handler for
     /// as long as it needs it, and the handler is released as soon as no table lists it.
-    std::shared_ptr<CancellationToken> observe(Handler handler,
+    [[nodiscard]] std::shared_ptr<CancellationToken> observe(Handler handler,
                                                Callsite callsite = Callsite::current()) {
         auto box = std::make_shared<CancellationTokenWithPayload<Subscription>>(callsite, storage_,
                                                                                 std::move(handler));

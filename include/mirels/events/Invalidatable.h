@@ -62,7 +62,7 @@ class MIRELS_EXPORT Invalidatable : public MinimallyInvalidatable {
     /// Calls `observer` when the object is invalidated, and returns the token that unregisters
     /// it. When the object has been invalidated already, calls `observer` at once and returns
     /// null.
-    std::shared_ptr<CancellationToken> observeInvalidation(UniqueFunction<void()> observer) const;
+    [[nodiscard]] std::shared_ptr<CancellationToken> observeInvalidation(UniqueFunction<void()> observer) const;
 
     /// As `observeInvalidation`, keeping the registration until the invalidation.
     void onInvalidation(UniqueFunction<void()> observer) const;
@@ -135,7 +135,7 @@ class MIRELS_EXPORT InvalidationHandle final
     using TraceCallback = UniqueFunction<void(const InvalidationTrace&)>;
 
     /// A valid handle named `name` (a label for traces), made at `callsite`.
-    static std::shared_ptr<InvalidationHandle> create(
+    [[nodiscard]] static std::shared_ptr<InvalidationHandle> create(
         std::optional<std::string> name = std::nullopt, Callsite callsite = Callsite::current());
 
     InvalidationHandle(Key, std::optional<std::string> name, Callsite callsite);

@@ -29,7 +29,7 @@ class Observable final : public std::enable_shared_from_this<Observable<Value>> 
   public:
     using Sink = typename EventStream<Value>::Sink;
 
-    static std::shared_ptr<Observable> create(Value initialValue) {
+    [[nodiscard]] static std::shared_ptr<Observable> create(Value initialValue) {
         return std::make_shared<Observable>(Key{}, std::move(initialValue));
     }
 

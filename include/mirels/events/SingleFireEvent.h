@@ -39,7 +39,7 @@ class MIRELS_EXPORT SingleFireEvent final : public std::enable_shared_from_this<
   public:
     using Observer = UniqueFunction<void()>;
 
-    static std::shared_ptr<SingleFireEvent> create();
+    [[nodiscard]] static std::shared_ptr<SingleFireEvent> create();
 
     explicit SingleFireEvent(Key);
     SingleFireEvent(const SingleFireEvent&) = delete;
@@ -48,7 +48,7 @@ class MIRELS_EXPORT SingleFireEvent final : public std::enable_shared_from_this<
     /// Registers `observer` for the firing and returns the token that unregisters it. When the
     /// event has fired or been canceled already, calls `observer` at once (a late observer of a
     /// canceled event too) and returns null.
-    std::shared_ptr<CancellationToken> observe(Observer observer);
+    [[nodiscard]] std::shared_ptr<CancellationToken> observe(Observer observer);
 
     /// As `observe`, for an observer that stays registered until the event fires or is
     /// canceled: there is no token to hand back or to cancel.

@@ -42,7 +42,7 @@ class SubscriberCollection {
     /// alive. A removed element is destroyed after `modify` returns, outside the owner's lock.
     template <class Modify>
         requires std::is_invocable_v<Modify&, Edit&> && std::is_move_constructible_v<Modify>
-    static std::shared_ptr<CancellationToken> add(Element element, Modify modify,
+    [[nodiscard]] static std::shared_ptr<CancellationToken> add(Element element, Modify modify,
                                                   Callsite callsite = Callsite::current()) {
         Identifier identifier;
         {
@@ -65,7 +65,7 @@ class SubscriberCollection {
     /// As above, with the collection reached as the member `at` of the object `of`, without a
     /// lock (for objects confined to one thread). The token holds the object weakly.
     template <class Object>
-    static std::shared_ptr<CancellationToken> add(Element element, SubscriberCollection Object::*at,
+    [[nodiscard]] static std::shared_ptr<CancellationToken> add(Element element, SubscriberCollection Object::*at,
                                                   const std::shared_ptr<Object>& of,
                                                   Callsite callsite = Callsite::current()) {
         auto modify = [object = std::weak_ptr<Object>(of), at](Edit& edit) {

@@ -317,7 +317,7 @@ class WeakQueryResolver final : public QueryResolver {
     explicit WeakQueryResolver(Weak<QueryResolver> resolver) noexcept
         : resolver_(std::move(resolver)) {}
 
-    static std::shared_ptr<WeakQueryResolver> create(
+    [[nodiscard]] static std::shared_ptr<WeakQueryResolver> create(
         const std::shared_ptr<QueryResolver>& resolver) {
         return std::make_shared<WeakQueryResolver>(Weak<QueryResolver>(resolver));
     }

@@ -80,7 +80,7 @@ class MIRELS_EXPORT QueryManager final : public std::enable_shared_from_this<Que
 
     using Hook = std::function<void()>;
 
-    static std::shared_ptr<QueryManager> create(
+    [[nodiscard]] static std::shared_ptr<QueryManager> create(
         std::shared_ptr<QueryManager> delegateQueryManager = nullptr,
         QueryResolverList resolvers = {});
 
