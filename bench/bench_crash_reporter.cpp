@@ -1,8 +1,9 @@
 // What the crash reporter costs: a program run under it against the same program run as a plain
 // child process (a 1-second CPU-bound run, and 1,000 short launches), and the time from a fatal
 // signal 50 frames deep to the symbolised report on disk, with the share spent unwinding and
-// symbolising. Wall time only (the costs are system calls and the child's own work); run it on
-// a quiet machine: bench_crash_reporter [launches]
+// symbolising. Wall and processor time (user and system: the costs are system calls and the
+// child's own work); run it on a quiet machine:
+//   bench_crash_reporter [spin | launches [N] | report | N]
 //
 // The children are this program itself, started with "--child spin|deep|exit".
 
@@ -10,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -83,28 +85,32 @@ double median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
-/// Processor seconds used so far by this process and its reaped children: on a loaded machine
-/// this moves far less than wall time.
-double processorSeconds() {
-    double total = 0;
+struct Timing {
+    double wall = 0;
+    double user = 0;
+    double system = 0;
+};
+
+/// User and system seconds so far of this process and its reaped children: on a loaded machine
+/// these move far less than wall time.
+Timing processorSoFar() {
+    Timing total;
     for (const int who : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
         rusage usage{};
         ::getrusage(who, &usage);
-        total += static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-                 static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+        total.user += static_cast<double>(usage.ru_utime.tv_sec) +
+                      static_cast<double>(usage.ru_utime.tv_usec) / 1e6;
+        total.system += static_cast<double>(usage.ru_stime.tv_sec) +
+                        static_cast<double>(usage.ru_stime.tv_usec) / 1e6;
     }
     return total;
 }
 
-struct Timing {
-    double wall = 0;
-    double processor = 0;
-};
-
-/// Wall and processor seconds for `count` runs of the program, plain or under `reporter`.
-Timing timeRuns(const std::string& path, const std::vector<std::string>& arguments, int count,
-                const std::shared_ptr<mirels::CrashReporter>& reporter) {
-    const double processorStart = processorSeconds();
+/// Adds to `timing` the wall and processor seconds of `count` runs of the program, plain or
+/// under `reporter`.
+void timeRuns(const std::string& path, const std::vector<std::string>& arguments, int count,
+              const std::shared_ptr<mirels::CrashReporter>& reporter, Timing& timing) {
+    const Timing before = processorSoFar();
     const auto start = Clock::now();
     for (int i = 0; i < count; ++i) {
         auto child = makeChild(path, arguments);
@@ -115,53 +121,71 @@ Timing timeRuns(const std::string& path, const std::vector<std::string>& argumen
             child->waitUntilExit();
         }
     }
-    return {seconds(Clock::now() - start), processorSeconds() - processorStart};
+    const Timing after = processorSoFar();
+    timing.wall += seconds(Clock::now() - start);
+    timing.user += after.user - before.user;
+    timing.system += after.system - before.system;
 }
 
-}  // namespace
+void printComparison(const std::string& what, int count, const Timing& plain,
+                     const Timing& reported) {
+    const double plainProcessor = plain.user + plain.system;
+    const double reportedProcessor = reported.user + reported.system;
+    std::printf(
+        "%s: wall plain %.3f s (%.0f us each), under the reporter %.3f s (%.0f us each): "
+        "%.3fx; processor %.3f s (user %.3f, system %.3f) against %.3f s (user %.3f, system "
+        "%.3f): %.3fx\n",
+        what.c_str(), plain.wall, plain.wall / count * 1e6, reported.wall,
+        reported.wall / count * 1e6, reported.wall / plain.wall, plainProcessor, plain.user,
+        plain.system, reportedProcessor, reported.user, reported.system,
+        reportedProcessor / plainProcessor);
+}
 
-int main(int argc, char** argv) {
-    if (argc > 2 && std::strcmp(argv[1], "--child") == 0) return runChildMode(argc, argv);
-    std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    const int launches = argc > 1 ? std::atoi(argv[1]) : 1000;
-    const std::string self = selfPath();
-    const auto folder = std::filesystem::temp_directory_path() / "mirels-bench-crash-reports";
-    auto reporter = mirels::CrashReporter::create(folder);
+/// The 1-second CPU-bound run, plain and under the reporter, three times each: the medians.
+void compareSpin(const std::string& self, const std::shared_ptr<mirels::CrashReporter>& reporter) {
+    std::vector<Timing> plain(3);
+    std::vector<Timing> reported(3);
+    for (int round = 0; round < 3; ++round) {
+        timeRuns(self, {"--child", "spin"}, 1, nullptr, plain[static_cast<std::size_t>(round)]);
+        timeRuns(self, {"--child", "spin"}, 1, reporter, reported[static_cast<std::size_t>(round)]);
+    }
+    auto byWall = [](const Timing& a, const Timing& b) { return a.wall < b.wall; };
+    std::sort(plain.begin(), plain.end(), byWall);
+    std::sort(reported.begin(), reported.end(), byWall);
+    printComparison("1-second CPU-bound run (median of 3)", 1, plain[1], reported[1]);
+}
 
-    // Medians of three rounds, wall and processor time.
-    auto compare = [&](const char* what, const std::string& program,
-                       const std::vector<std::string>& arguments, int count) {
-        std::vector<double> plain;
-        std::vector<double> reported;
-        std::vector<double> plainProcessor;
-        std::vector<double> reportedProcessor;
-        for (int round = 0; round < 3; ++round) {
-            const Timing a = timeRuns(program, arguments, count, nullptr);
-            const Timing b = timeRuns(program, arguments, count, reporter);
-            plain.push_back(a.wall);
-            reported.push_back(b.wall);
-            plainProcessor.push_back(a.processor);
-            reportedProcessor.push_back(b.processor);
-        }
-        std::printf(
-            "%s: wall plain %.3f s (%.0f us each), under the reporter %.3f s (%.0f us each): "
-            "%.3fx; processor %.3f s against %.3f s: %.3fx\n",
-            what, median(plain), median(plain) / count * 1e6, median(reported),
-            median(reported) / count * 1e6, median(reported) / median(plain),
-            median(plainProcessor), median(reportedProcessor),
-            median(reportedProcessor) / median(plainProcessor));
-    };
-    compare("1-second CPU-bound run", self, {"--child", "spin"}, 1);
-
+/// `count` short launches of each program, plain and under the reporter, alternating in blocks
+/// of ten so that a change in the machine's load weighs on both sides alike.
+void compareLaunches(const std::string& self, int count,
+                     const std::shared_ptr<mirels::CrashReporter>& reporter) {
+    constexpr int block = 10;
     for (const std::string& program : {std::string("/bin/true"), self}) {
         const std::vector<std::string> arguments = program == self
                                                        ? std::vector<std::string>{"--child", "exit"}
                                                        : std::vector<std::string>{};
-        const std::string what = std::to_string(launches) + " launches of " +
-                                 std::filesystem::path(program).filename().string();
-        compare(what.c_str(), program, arguments, launches);
+        // Warm up both paths (the reporter's threads, the page cache) before measuring.
+        Timing ignored;
+        timeRuns(program, arguments, block, nullptr, ignored);
+        timeRuns(program, arguments, block, reporter, ignored);
+        Timing plain;
+        Timing reported;
+        for (int done = 0; done < count; done += block) {
+            const int now = std::min(block, count - done);
+            timeRuns(program, arguments, now, nullptr, plain);
+            timeRuns(program, arguments, now, reporter, reported);
+        }
+        const auto size = std::filesystem::file_size(program);
+        const std::string what = std::to_string(count) + " launches of " +
+                                 std::filesystem::path(program).filename().string() + " (" +
+                                 std::to_string(size / 1000) + " kB)";
+        printComparison(what, count, plain, reported);
     }
+}
 
+/// The time from a fatal signal 50 frames deep to the report on disk, over 21 crashes.
+bool measureReports(const std::string& self,
+                    const std::shared_ptr<mirels::CrashReporter>& reporter) {
     std::vector<double> total;
     std::vector<double> unwind;
     std::size_t frames = 0;
@@ -170,7 +194,7 @@ int main(int argc, char** argv) {
             reporter->launch(makeChild(self, {"--child", "deep", "50"})).waitUntilDone();
         if (!outcome.report || outcome.timings.signalToReportNanoseconds == 0) {
             std::fprintf(stderr, "no traced report\n");
-            return 1;
+            return false;
         }
         frames = outcome.report->frames().size();
         total.push_back(static_cast<double>(outcome.timings.signalToReportNanoseconds) / 1e6);
@@ -183,7 +207,34 @@ int main(int argc, char** argv) {
         "(unwinding and symbolising %.2f ms, %.0f%%), worst %.2f ms\n",
         frames, static_cast<double>(size) / 1e6, median(total), median(unwind),
         100.0 * median(unwind) / median(total), *std::max_element(total.begin(), total.end()));
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc > 2 && std::strcmp(argv[1], "--child") == 0) return runChildMode(argc, argv);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    // "spin", "launches [N]", "report", or everything (with N launches when the first argument
+    // is a number).
+    const std::string mode =
+        argc > 1 && std::isdigit(static_cast<unsigned char>(argv[1][0])) == 0 ? argv[1] : "all";
+    const char* countArgument =
+        mode == "all" ? (argc > 1 ? argv[1] : nullptr) : (argc > 2 ? argv[2] : nullptr);
+    const int launches = countArgument != nullptr ? std::max(1, std::atoi(countArgument)) : 1000;
+    if (mode != "all" && mode != "spin" && mode != "launches" && mode != "report") {
+        std::fprintf(stderr, "usage: %s [spin | launches [N] | report | N]\n", argv[0]);
+        return 2;
+    }
+    const std::string self = selfPath();
+    const auto folder = std::filesystem::temp_directory_path() / "mirels-bench-crash-reports";
+    auto reporter = mirels::CrashReporter::create(folder);
+
+    bool ok = true;
+    if (mode == "all" || mode == "spin") compareSpin(self, reporter);
+    if (mode == "all" || mode == "launches") compareLaunches(self, launches, reporter);
+    if (mode == "all" || mode == "report") ok = measureReports(self, reporter);
     std::error_code ignored;
     std::filesystem::remove_all(folder, ignored);
-    return 0;
+    return ok ? 0 : 1;
 }

@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -421,6 +422,51 @@ void ChildProcess::setStoppedLaunchHandler(StoppedLaunchHandler handler) {
     state_.syncWrite([&](State& s) { s.stoppedLaunchHandler = std::move(handler); });
 }
 
+void ChildProcess::setLaunchGateHandler(LaunchGateHandler handler) {
+    state_.syncWrite([&](State& s) { s.launchGateHandler = std::move(handler); });
+}
+
+// --- LaunchGate ---
+
+LaunchGate::LaunchGate(LaunchGate&& other) noexcept
+    : descriptor_(std::exchange(other.descriptor_, -1)) {}
+
+LaunchGate& LaunchGate::operator=(LaunchGate&& other) noexcept {
+    if (this != &other) {
+        if (descriptor_ >= 0) ::close(descriptor_);
+        descriptor_ = std::exchange(other.descriptor_, -1);
+    }
+    return *this;
+}
+
+LaunchGate::~LaunchGate() {
+    if (descriptor_ >= 0) ::close(descriptor_);
+}
+
+pid_t LaunchGate::waitForChild() {
+    if (descriptor_ < 0) return 0;
+    pid_t pid = 0;
+    std::size_t received = 0;
+    while (received < sizeof pid) {
+        const ssize_t count =
+            ::read(descriptor_, reinterpret_cast<char*>(&pid) + received,  // NOLINT
+                   sizeof pid - received);
+        if (count > 0) {
+            received += static_cast<std::size_t>(count);
+        } else if (count == 0 || errno != EINTR) {
+            return 0;
+        }
+    }
+    return pid;
+}
+
+void LaunchGate::open() {
+    if (descriptor_ < 0) return;
+    const char go = 1;
+    (void)!::send(descriptor_, &go, 1, MSG_NOSIGNAL);
+    ::close(std::exchange(descriptor_, -1));
+}
+
 namespace {
 
 /// Everything `posix_spawn` needs, built before the call so that the child does no work of ours.
@@ -506,21 +552,30 @@ struct StoppedChildSetup {
     const char* directory;
     QualityOfService qos;
     int reportDescriptor;
+    /// With a launch gate: the child's end (it waits there instead of stopping) and its copy of
+    /// this process's end (closed first, so that a dropped gate reads as the end of the file).
+    int gateDescriptor = -1;
+    int gateParentDescriptor = -1;
 };
 
-/// The child's side of `spawnStopped`. It runs in a vfork child on the spawning thread's stack,
-/// with every signal blocked: only system calls, no allocation, no return. Signal dispositions
-/// change through the raw system call so that no library wrapper (a sanitizer's included)
-/// records the change in the memory it shares with the parent.
+/// The child's side of `spawnStopped` and `spawnGated`. It runs in a vfork child on the spawning
+/// thread's stack, with every signal blocked: only system calls, no allocation, no return.
+/// Signal dispositions change through the raw system call so that no library wrapper (a
+/// sanitizer's included) records the change in the memory it shares with the parent.
 [[noreturn]] void runStoppedChild(const StoppedChildSetup& setup) {
     const int report = setup.reportDescriptor;
+    const int gate = setup.gateDescriptor;
     auto fail = [&](int number) {
         (void)!::write(report, &number, sizeof number);
         ::_exit(127);
     };
-    // First the pid, so that the launching thread can wait for the stop below.
     const auto self = static_cast<pid_t>(::syscall(SYS_getpid));
-    if (::write(report, &self, sizeof self) != sizeof self) ::_exit(127);
+    if (gate >= 0) {
+        ::close(setup.gateParentDescriptor);
+    } else if (::write(report, &self, sizeof self) != sizeof self) {
+        // First the pid, so that the launching thread can wait for the stop below.
+        ::_exit(127);
+    }
     // The kernel's sigaction: handler, flags, restorer, mask.
     struct KernelSignalAction {
         void (*handler)(int);
@@ -549,15 +604,31 @@ struct StoppedChildSetup {
         ::sched_setscheduler(0, setup.qos == QualityOfService::utility ? SCHED_BATCH : SCHED_IDLE,
                              &parameters);
     }
+    if (gate >= 0) {
+        // Wait at the gate until the other side lets go (a byte, or its end closed). No SIGPIPE
+        // if that side is gone already: blocked, it would wait for the program and kill it.
+        (void)!::send(gate, &self, sizeof self, MSG_NOSIGNAL);
+        char go = 0;
+        while (::read(gate, &go, 1) < 0 && errno == EINTR) {
+        }
+    }
     // Only the three standard streams and the report pipe (closed by exec) stay open.
     if (report > 3) ::syscall(SYS_close_range, 3U, static_cast<unsigned>(report - 1), 0U);
     ::syscall(SYS_close_range, static_cast<unsigned>(report + 1), ~0U, 0U);
     const std::uint64_t noSignal = 0;
     ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &noSignal, nullptr, sizeof noSignal);
-    ::syscall(SYS_kill, self, SIGSTOP);
+    if (gate < 0) ::syscall(SYS_kill, self, SIGSTOP);
     ::execve(setup.path, setup.argv, setup.envp);
     fail(errno);
     ::_exit(127);  // not reached: `fail` exits
+}
+
+/// vfork, the child going straight to `runStoppedChild`: the child borrows this frame's stack
+/// and never returns into it.
+[[gnu::noinline]] pid_t vforkStoppedChild(const StoppedChildSetup& setup) {
+    const pid_t child = ::vfork();
+    if (child == 0) runStoppedChild(setup);
+    return child;
 }
 
 /// Reads exactly one int from `descriptor`: false at the end of the file.
@@ -639,6 +710,68 @@ int spawnStopped(const std::string& path, char* const* argv, char* const* envp,
     return number != 0 ? number : EIO;
 }
 
+/// Starts the child by vfork on this thread; it sets itself up and waits at a `LaunchGate`, which
+/// `handler` hands to another thread, before it runs the program. Returns 0 once the program
+/// runs, or the error number of the failure (the child, if any, was reaped).
+int spawnGated(const std::string& path, char* const* argv, char* const* envp,
+               const ProcessStandardStream (&streams)[3],
+               const std::optional<std::string>& directory, QualityOfService qos,
+               const std::function<void(LaunchGate)>& handler, pid_t& pid) {
+    StoppedChildSetup setup{path.c_str(), argv, envp, {}, directory ? directory->c_str() : nullptr,
+                            qos,          -1};
+    for (int i = 0; i < 3; ++i) {
+        setup.sources[i] = forkedStreamSource(streams[i], i);
+        if (setup.sources[i] == -1 && streams[i].kind() != ProcessStandardStream::Kind::inherit) {
+            return EBADF;
+        }
+    }
+    int report[2];
+    if (::pipe2(report, O_CLOEXEC) != 0) return errno;
+    int gate[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, gate) != 0) {
+        const int number = errno;
+        ::close(report[0]);
+        ::close(report[1]);
+        return number;
+    }
+    setup.reportDescriptor = report[1];
+    setup.gateDescriptor = gate[1];
+    setup.gateParentDescriptor = gate[0];
+    try {
+        handler(LaunchGate(gate[0]));
+    } catch (...) {
+        ::close(gate[1]);
+        ::close(report[0]);
+        ::close(report[1]);
+        return ENOMEM;
+    }
+
+    // No handler of this process may run in the child before its dispositions are reset.
+    sigset_t everySignal;
+    sigset_t previous;
+    sigfillset(&everySignal);
+    ::pthread_sigmask(SIG_SETMASK, &everySignal, &previous);
+    const pid_t child = vforkStoppedChild(setup);
+    const int vforkError = errno;
+    ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    // Back here once the child runs the program or has ended. Without our copy of its end, the
+    // gate's side sees the end of the file if no child reached the gate.
+    ::close(gate[1]);
+    ::close(report[1]);
+    if (child < 0) {
+        ::close(report[0]);
+        return vforkError;
+    }
+    pid = child;
+    int number = 0;
+    const bool failed = readNumber(report[0], number);
+    ::close(report[0]);
+    if (!failed) return 0;  // the program runs: exec closed the report pipe
+    while (::waitpid(pid, nullptr, __WALL) < 0 && errno == EINTR) {
+    }
+    return number != 0 ? number : EIO;
+}
+
 }  // namespace
 
 bool ChildProcess::launchAndReturnError(std::optional<Error>* error) {
@@ -666,6 +799,7 @@ bool ChildProcess::launchAndReturnError(std::optional<Error>* error) {
         configuration->error = s.error;
         configuration->qos = s.qos;
         configuration->stoppedLaunchHandler = s.stoppedLaunchHandler;
+        configuration->launchGateHandler = s.launchGateHandler;
     });
     if (!configuration) {
         return fail(ProcessError(ProcessError::Step::alreadyLaunched, previousPath, 0));
@@ -759,7 +893,13 @@ bool ChildProcess::launchAndReturnError(std::optional<Error>* error) {
     posix_spawnattr_setflags(&attributes, flags);
 
     pid_t pid = 0;
-    if (result == 0 && configuration->stoppedLaunchHandler) {
+    if (result == 0 && configuration->launchGateHandler) {
+        const ProcessStandardStream streams[3] = {configuration->input, configuration->output,
+                                                  configuration->error};
+        result = spawnGated(
+            plan.path, plan.argv.data(), plan.ownEnvironment ? plan.envp.data() : environ, streams,
+            configuration->directory, configuration->qos, configuration->launchGateHandler, pid);
+    } else if (result == 0 && configuration->stoppedLaunchHandler) {
         const ProcessStandardStream streams[3] = {configuration->input, configuration->output,
                                                   configuration->error};
         result = spawnStopped(

@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -328,8 +329,9 @@ std::filesystem::path CrashReporter::write(const CrashReport& report) const {
 struct SupervisedProcess::Shared {
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
+    /// Set by the launching thread once the launch is over, `launchFailed` when it failed.
     bool launched = false;
-    std::optional<Error> launchError;
+    bool launchFailed = false;
     bool done = false;
     CrashOutcome outcome;
     ThreadSafe<StandardErrorTail> tail{StandardErrorTail(0)};
@@ -372,31 +374,11 @@ bool isGroupStopSignal(int signal) {
 
 /// Follows one traced child until it has died (its last thread's exit is waiting to be reaped,
 /// which the process I/O thread does). Runs on the thread that seized it.
+///
+/// Only this thread's own tracees are waited for (`__WNOTHREAD`): the child and its threads.
 class Tracer {
   public:
     explicit Tracer(pid_t pid) : pid_(pid) {}
-
-    /// Seizes the child, stopped just before it runs the program, continues it and follows it
-    /// to the start of the program. False when ptrace is refused (the child is continued).
-    bool attachAtLaunch() {
-        const auto options = PTRACE_O_EXITKILL | PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC;
-        const bool seized = ::ptrace(PTRACE_SEIZE, pid_, nullptr,
-                                     reinterpret_cast<void*>(static_cast<std::intptr_t>(  // NOLINT
-                                         options))) == 0;
-        ::kill(pid_, SIGCONT);
-        if (!seized) return false;
-        while (!execSeen_) {
-            siginfo_t info{};
-            if (::waitid(P_PID, static_cast<id_t>(pid_), &info,
-                         WEXITED | WSTOPPED | WNOWAIT | __WALL) < 0) {
-                if (errno == EINTR) continue;
-                break;
-            }
-            if (info.si_code != CLD_TRAPPED && info.si_code != CLD_STOPPED) break;  // it ended
-            handleStop(pid_);
-        }
-        return true;
-    }
 
     std::optional<Capture> run(int pidfd) {
         for (;;) {
@@ -479,7 +461,6 @@ class Tracer {
             return;
         }
         if (event != 0) {
-            if (event == PTRACE_EVENT_EXEC) execSeen_ = true;
             if (event == PTRACE_EVENT_CLONE) {
                 unsigned long newThread = 0;
                 if (::ptrace(PTRACE_GETEVENTMSG, tid, nullptr, &newThread) == 0) {
@@ -505,7 +486,6 @@ class Tracer {
     }
 
     pid_t pid_;
-    bool execSeen_ = false;
     std::set<pid_t> threads_;
     std::optional<Capture> capture_;
 };
@@ -516,6 +496,177 @@ bool mentionsLoaderRefusal(const std::vector<std::string>& lines) {
     }
     return false;
 }
+
+}  // namespace
+
+namespace {
+
+/// One supervised child, from its launch to its outcome.
+struct Supervision {
+    std::shared_ptr<SupervisedProcess::Shared> shared;
+    std::shared_ptr<ChildProcess> child;
+    CrashReporter::Configuration configuration;
+    ProcessStandardStream destination;
+    std::shared_ptr<Pipe> pipe;
+    /// Where the child waits before it runs the program (traced launches only).
+    LaunchGate gate;
+};
+
+/// Seizes the child at its launch gate and lets it go on to the program. The pid and a process
+/// descriptor of our own (the child's closes when it is reaped), or nothing when there is no
+/// child or ptrace is refused: then the child runs untraced.
+std::optional<std::pair<pid_t, int>> seizeAtGate(LaunchGate& gate) {
+    const pid_t pid = gate.waitForChild();
+    if (pid == 0) return std::nullopt;
+    std::optional<std::pair<pid_t, int>> seized;
+    const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+    if (pidfd >= 0) {
+        // No stop for the exec: the child runs the program as soon as the gate opens.
+        const auto options = PTRACE_O_EXITKILL | PTRACE_O_TRACECLONE;
+        if (::ptrace(PTRACE_SEIZE, pid, nullptr,
+                     reinterpret_cast<void*>(static_cast<std::intptr_t>(options))) ==  // NOLINT
+            0) {
+            seized.emplace(pid, pidfd);
+        } else {
+            ::close(pidfd);
+        }
+    }
+    gate.open();
+    return seized;
+}
+
+/// Follows the child to its end and writes its report, if it crashed. On a supervising thread.
+void supervise(Supervision& job) {
+    std::optional<std::pair<pid_t, int>> seized;
+    if (job.configuration.trace) {
+        seized = seizeAtGate(job.gate);
+        job.gate = LaunchGate();
+    }
+    std::optional<Capture> capture;
+    if (seized) {
+        // Following the child needs nothing from the launching thread; a child whose program
+        // could not run ends here, and the launching thread reaps it.
+        capture = Tracer(seized->first).run(seized->second);
+        ::close(seized->second);
+    }
+    SupervisedProcess::Shared& shared = *job.shared;
+    {
+        std::unique_lock lock(shared.mutex);
+        shared.changed.wait(lock, [&] { return shared.launched; });
+        if (shared.launchFailed) return;
+    }
+
+    ChildProcess& child = *job.child;
+    child.waitUntilExit();
+    CrashOutcome outcome;
+    outcome.traced = seized.has_value();
+    outcome.reason = child.terminationReason();
+    outcome.status = child.terminationStatus();
+
+    // A clean run costs nothing more: names, lines and reports are made for crashes only.
+    const bool crashed = outcome.reason == ProcessTerminationReason::uncaughtSignal &&
+                         CrashReporter::isCrashSignal(outcome.status);
+    const bool mayBeLoaderRefusal =
+        outcome.reason == ProcessTerminationReason::exit && outcome.status == 127;
+    std::optional<CrashReport> report;
+    if (crashed || mayBeLoaderRefusal) {
+        const auto lines =
+            shared.tail.syncRead([](const StandardErrorTail& t) { return t.lines(); });
+        const std::string name = fileNameOf(child.executableURL().value_or(std::string()));
+        const pid_t pid = child.processIdentifier();
+        CrashReport::ApplicationSpecificInformation asi;
+        asi.updateValue(lines, std::string(CrashReporter::standardErrorKey));
+        if (crashed) {
+            const int signal = outcome.status;
+            const siginfo_t* info = capture && capture->info ? &*capture->info : nullptr;
+            asi.updateValue({signalLine(signal, info)}, std::string(CrashReporter::signalKey));
+            report.emplace(
+                name, std::string(CrashReporter::fatalSignalBugType), pid, now(), std::move(asi),
+                capture ? std::move(capture->snapshot.images) : std::vector<CrashReport::Image>(),
+                capture ? std::move(capture->snapshot.frames) : std::vector<CrashReport::Frame>(),
+                std::nullopt);
+        } else if (mentionsLoaderRefusal(lines)) {
+            report.emplace(name, std::string(CrashReporter::libraryLoadBugType), pid, now(),
+                           std::move(asi), std::vector<CrashReport::Image>(),
+                           std::vector<CrashReport::Frame>(), std::nullopt);
+        }
+    }
+    if (report) {
+        try {
+            outcome.reportPath = CrashReporter(job.configuration).write(*report);
+        } catch (...) {
+            outcome.writeError = Error::current();
+        }
+        outcome.report = std::move(report);
+        if (capture) {
+            outcome.timings.unwindNanoseconds = capture->unwindNanoseconds;
+            outcome.timings.signalToReportNanoseconds =
+                nanosecondsBetween(capture->stoppedAt, Clock::now());
+        }
+    }
+    // A pipe the caller gave for standard error ends with the child.
+    if (job.destination.kind() == ProcessStandardStream::Kind::pipe) {
+        job.destination.pipe()->fileHandleForWriting()->closeFile();
+    }
+    std::lock_guard lock(shared.mutex);
+    shared.outcome = std::move(outcome);
+    shared.done = true;
+    shared.changed.notify_all();
+}
+
+/// The supervising threads ("mirels.crash-tr"): each follows one child at a time, from before it
+/// runs the program to its report, then waits for the next. A thread is started only when none
+/// is free; a few stay for later launches, the rest end. Made once and never destroyed, like
+/// the process I/O thread: supervision may outlast everything else at exit.
+class SupervisorPool {
+  public:
+    static SupervisorPool& shared() {
+        static auto* pool = new SupervisorPool();
+        return *pool;
+    }
+
+    void start(std::shared_ptr<Supervision> job) {
+        bool startThread = false;
+        {
+            std::lock_guard lock(mutex_);
+            jobs_.push_back(std::move(job));
+            startThread = jobs_.size() > waiting_;
+        }
+        if (startThread) {
+            std::thread([this] { work(); }).detach();
+        } else {
+            wake_.notify_one();
+        }
+    }
+
+  private:
+    /// How many free threads stay for later launches.
+    static constexpr std::size_t keptThreads = 2;
+
+    void work() {
+        ::pthread_setname_np(::pthread_self(), "mirels.crash-tr");
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            while (!jobs_.empty()) {
+                std::shared_ptr<Supervision> job = std::move(jobs_.front());
+                jobs_.pop_front();
+                lock.unlock();
+                supervise(*job);
+                job.reset();
+                lock.lock();
+            }
+            if (waiting_ >= keptThreads) return;
+            ++waiting_;
+            wake_.wait(lock, [&] { return !jobs_.empty(); });
+            --waiting_;
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::deque<std::shared_ptr<Supervision>> jobs_;
+    std::size_t waiting_ = 0;
+};
 
 }  // namespace
 
@@ -552,100 +703,37 @@ SupervisedProcess CrashReporter::launch(std::shared_ptr<ChildProcess> child) con
     });
     child->setStandardError(ProcessStandardStream::pipe(pipe));
 
-    auto self = std::make_shared<CrashReporter>(configuration_);
-    std::thread([shared, child, self, destination, pipe] {
-        ::pthread_setname_np(::pthread_self(), "mirels.crash-tr");
-        // The child stops just before it runs the program: it is seized there, so that even a
-        // crash in its first instructions is seen.
-        std::optional<Tracer> tracer;
-        bool traced = false;
-        if (self->configuration().trace) {
-            child->setStoppedLaunchHandler([&](pid_t pid) {
-                tracer.emplace(pid);
-                traced = tracer->attachAtLaunch();
-            });
-        }
-        std::optional<Error> launchError;
-        const bool launched = child->launchAndReturnError(&launchError);
-        child->setStoppedLaunchHandler(nullptr);
-        if (!launched) {
-            pipe->fileHandleForReading()->closeFile();
-            std::lock_guard lock(shared->mutex);
-            shared->launchError = std::move(launchError);
-            shared->launched = true;
-            shared->changed.notify_all();
-            return;
-        }
-        const pid_t pid = child->processIdentifier();
-        // Our own copy of the process descriptor: the child's closes when it is reaped.
-        const int pidfd = traced ? ::fcntl(child->processFileDescriptor(), F_DUPFD_CLOEXEC, 0) : -1;
-        if (traced && pidfd < 0) {
-            ::ptrace(PTRACE_DETACH, pid, nullptr, nullptr);
-            traced = false;
-        }
-        {
-            std::lock_guard lock(shared->mutex);
-            shared->launched = true;
-            shared->changed.notify_all();
-        }
-        std::optional<Capture> capture;
-        if (traced) capture = tracer->run(pidfd);
-        if (pidfd >= 0) ::close(pidfd);
-
-        child->waitUntilExit();
-        CrashOutcome outcome;
-        outcome.traced = traced;
-        outcome.reason = child->terminationReason();
-        outcome.status = child->terminationStatus();
-        const auto lines =
-            shared->tail.syncRead([](const StandardErrorTail& t) { return t.lines(); });
-        const std::string name = fileNameOf(child->executableURL().value_or(std::string()));
-
-        std::optional<CrashReport> report;
-        CrashReport::ApplicationSpecificInformation asi;
-        asi.updateValue(lines, std::string(standardErrorKey));
-        if (outcome.reason == ProcessTerminationReason::uncaughtSignal &&
-            isCrashSignal(outcome.status)) {
-            const int signal = outcome.status;
-            const siginfo_t* info = capture && capture->info ? &*capture->info : nullptr;
-            asi.updateValue({signalLine(signal, info)}, std::string(signalKey));
-            report.emplace(
-                name, std::string(fatalSignalBugType), pid, now(), std::move(asi),
-                capture ? std::move(capture->snapshot.images) : std::vector<CrashReport::Image>(),
-                capture ? std::move(capture->snapshot.frames) : std::vector<CrashReport::Frame>(),
-                std::nullopt);
-        } else if (outcome.reason == ProcessTerminationReason::exit && outcome.status == 127 &&
-                   mentionsLoaderRefusal(lines)) {
-            report.emplace(name, std::string(libraryLoadBugType), pid, now(), std::move(asi),
-                           std::vector<CrashReport::Image>(), std::vector<CrashReport::Frame>(),
-                           std::nullopt);
-        }
-        if (report) {
-            try {
-                outcome.reportPath = self->write(*report);
-            } catch (...) {
-                outcome.writeError = Error::current();
-            }
-            outcome.report = std::move(report);
-            if (capture) {
-                outcome.timings.unwindNanoseconds = capture->unwindNanoseconds;
-                outcome.timings.signalToReportNanoseconds =
-                    nanosecondsBetween(capture->stoppedAt, Clock::now());
-            }
-        }
-        // A pipe the caller gave for standard error ends with the child.
-        if (destination.kind() == ProcessStandardStream::Kind::pipe) {
-            destination.pipe()->fileHandleForWriting()->closeFile();
-        }
+    auto job = std::make_shared<Supervision>();
+    job->shared = shared;
+    job->child = child;
+    job->configuration = configuration_;
+    job->destination = destination;
+    job->pipe = pipe;
+    // A traced child waits, set up, just before it runs the program, until a supervising thread
+    // has seized it: even a crash in its first instructions is seen, and no stop is needed.
+    bool started = false;
+    if (configuration_.trace) {
+        child->setLaunchGateHandler([&job, &started](LaunchGate gate) {
+            job->gate = std::move(gate);
+            started = true;
+            SupervisorPool::shared().start(job);
+        });
+    }
+    std::optional<Error> launchError;
+    const bool launched = child->launchAndReturnError(&launchError);
+    if (configuration_.trace) child->setLaunchGateHandler(nullptr);
+    if (!launched) pipe->fileHandleForReading()->closeFile();
+    {
         std::lock_guard lock(shared->mutex);
-        shared->outcome = std::move(outcome);
-        shared->done = true;
-        shared->changed.notify_all();
-    }).detach();
-
-    std::unique_lock lock(shared->mutex);
-    shared->changed.wait(lock, [&] { return shared->launched; });
-    if (const auto& error = shared->launchError) error->rethrow();
+        shared->launched = true;
+        shared->launchFailed = !launched;
+    }
+    shared->changed.notify_all();
+    if (!launched) {
+        if (launchError) launchError->rethrow();
+        throw ProcessError(ProcessError::Step::launch, child->executableURL().value_or(""), EIO);
+    }
+    if (!started) SupervisorPool::shared().start(std::move(job));
     return SupervisedProcess(std::move(child), std::move(shared));
 }
 

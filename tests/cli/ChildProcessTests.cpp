@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 #include "cli/ProcessTestSupport.h"
@@ -54,6 +55,80 @@ TEST(ChildProcessTest, ChildStartsCleanWhateverTheParentIgnoresBlocksOrLeavesOpe
     ::sigaction(SIGPIPE, &previous, nullptr);
     EXPECT_EQ(signals, "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
     EXPECT_EQ(descriptors, "0 1 2 ");
+}
+
+// The gate a tracer attaches at: the child waits there, not yet running the program, until
+// another thread opens or drops the gate; it then starts as clean as any child, and the launch
+// leaves nothing behind in this process (descriptors, signal mask, zombies).
+TEST(ChildProcessTest, LaunchGateHoldsTheChildUntilAnotherThreadLetsItGo) {
+    sigset_t maskBefore;
+    ::pthread_sigmask(SIG_SETMASK, nullptr, &maskBefore);
+    const int descriptorsBefore = testing::openDescriptorCount();
+
+    // `open`: another thread waits for the child at the gate, looks at it, and opens the gate;
+    // otherwise the handler drops the gate before the child can even reach it.
+    auto gated = [](const std::shared_ptr<ChildProcess>& child, bool open, pid_t& seen,
+                    std::string& programAtGate) {
+        std::thread opener;
+        child->setLaunchGateHandler([&](LaunchGate gate) {
+            if (!open) return;
+            opener = std::thread([&, gate = std::move(gate)]() mutable {
+                seen = gate.waitForChild();
+                std::error_code ignored;
+                programAtGate =
+                    std::filesystem::read_symlink("/proc/" + std::to_string(seen) + "/exe", ignored)
+                        .string();
+                gate.open();
+            });
+        });
+        std::optional<Error> error;
+        const bool launched = child->launchAndReturnError(&error);
+        if (opener.joinable()) opener.join();
+        return launched ? std::optional<Error>() : error;
+    };
+
+    for (const bool open : {true, false}) {
+        for (const std::string mode : {"signals", "fds"}) {
+            auto child = probe({mode});
+            auto pipe = Pipe::create();
+            child->setStandardOutput(ProcessStandardStream::pipe(pipe));
+            pid_t seen = 0;
+            std::string programAtGate;
+            ASSERT_FALSE(gated(child, open, seen, programAtGate));
+            if (open) {
+                EXPECT_EQ(seen, child->processIdentifier());
+                EXPECT_EQ(programAtGate, std::filesystem::read_symlink("/proc/self/exe").string())
+                    << "the child still runs our code at the gate";
+            }
+            const std::string output = pipe->fileHandleForReading()->readDataToEndOfFile();
+            child->waitUntilExit();
+            EXPECT_EQ(child->terminationReason(), ProcessTerminationReason::exit);
+            EXPECT_EQ(child->terminationStatus(), 0);
+            EXPECT_EQ(output, mode == "fds"
+                                  ? "0 1 2 "
+                                  : "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n")
+                << (open ? "opened" : "dropped");
+        }
+    }
+
+    // A program that cannot run still reaches the gate, then fails the launch as usual.
+    pid_t seen = 0;
+    std::string programAtGate;
+    auto missing = ChildProcess::create();
+    missing->setExecutableURL("/nonexistent/program");
+    const auto error = gated(missing, true, seen, programAtGate);
+    ASSERT_TRUE(error);
+    ASSERT_NE(error->as<ProcessError>(), nullptr);
+    EXPECT_EQ(error->as<ProcessError>()->systemErrorNumber(), ENOENT);
+    EXPECT_NE(seen, 0);
+
+    sigset_t maskAfter;
+    ::pthread_sigmask(SIG_SETMASK, nullptr, &maskAfter);
+    for (int signal = 1; signal < NSIG; ++signal) {
+        EXPECT_EQ(sigismember(&maskAfter, signal), sigismember(&maskBefore, signal)) << signal;
+    }
+    EXPECT_EQ(testing::openDescriptorCount(), descriptorsBefore);
+    EXPECT_FALSE(testing::hasZombieChild());
 }
 
 TEST(ChildProcessTest, ReportsExitAndSignalTerminations) {

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <fstream>
 #include <iterator>
@@ -201,6 +202,48 @@ TEST(CrashReporterTest, ProgramsThatDoNotCrashPassThroughWithoutAReport) {
     EXPECT_TRUE(reportsIn(directory.path()).empty());
 
     EXPECT_THROW((void)reporter->launch(child({}, "/nonexistent/program")), ProcessError);
+}
+
+// Supervising threads are shared between launches: a child that stays (stopped) keeps one busy
+// while launches from several threads at once, clean and crashing, each get their own outcome.
+TEST(CrashReporterTest, ConcurrentLaunchesEachGetTheirOwnOutcome) {
+    TemporaryDirectory directory("mirels-reporter");
+    auto reporter = CrashReporter::create(directory.path());
+    auto stopping = child({"stop"});
+    auto stopped = reporter->launch(stopping);
+
+    constexpr int threadCount = 4;
+    constexpr int launchesPerThread = 3;
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> launchers;
+    for (int t = 0; t < threadCount; ++t) {
+        launchers.emplace_back([&, t] {
+            for (int i = 0; i < launchesPerThread; ++i) {
+                const bool crash = i == 1;
+                const int status = 10 * t + i;
+                const auto outcome =
+                    reporter
+                        ->launch(
+                            child(crash ? std::vector<std::string>{"deep", "3"}
+                                        : std::vector<std::string>{"exit", std::to_string(status)}))
+                        .waitUntilDone();
+                const bool right =
+                    crash ? outcome.exitStatus() == 128 + SIGSEGV && outcome.traced &&
+                                outcome.reportPath && hasFrame(*outcome.report, "crashAtTheBottom")
+                          : outcome.exitStatus() == status && outcome.traced && !outcome.report;
+                if (!right) ++wrong;
+            }
+        });
+    }
+    for (auto& launcher : launchers) launcher.join();
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_EQ(reportsIn(directory.path()).size(), static_cast<std::size_t>(threadCount));
+
+    EXPECT_FALSE(stopped.isDone());
+    ASSERT_TRUE(stopping->sendSignal(SIGCONT));
+    const auto continued = stopped.waitUntilDone(10s);
+    ASSERT_TRUE(continued);
+    EXPECT_EQ(continued->exitStatus(), 0);
 }
 
 TEST(CrashReporterTest, CrashOnAnotherThreadAndUntracedCrashesAndLoaderRefusals) {

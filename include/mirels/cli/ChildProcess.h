@@ -230,6 +230,31 @@ enum class ProcessTerminationReason : std::uint8_t {
     uncaughtSignal = 2,
 };
 
+/// Where a child started with a launch-gate handler waits, everything set up, before it runs the
+/// program, until another thread lets it go: the moment to attach a tracer (PTRACE_SEIZE) that
+/// must see the program from its first instruction, without stopping the child. Move-only; owns
+/// one end of a socket pair. Dropping the gate, opened or not, lets the child go.
+class MIRELS_EXPORT LaunchGate {
+  public:
+    LaunchGate() noexcept = default;
+    /// Takes `descriptor` (this process's end of the gate).
+    explicit LaunchGate(int descriptor) noexcept : descriptor_(descriptor) {}
+    LaunchGate(LaunchGate&& other) noexcept;
+    LaunchGate& operator=(LaunchGate&& other) noexcept;
+    LaunchGate(const LaunchGate&) = delete;
+    LaunchGate& operator=(const LaunchGate&) = delete;
+    ~LaunchGate();
+
+    /// Blocks until the child waits at the gate and returns its pid; 0 when no child will come
+    /// (it could not be created, or the launch failed before).
+    [[nodiscard]] pid_t waitForChild();
+    /// Lets the child go on to run the program (it is not waited for).
+    void open();
+
+  private:
+    int descriptor_ = -1;
+};
+
 namespace detail {
 enum class ChildProcessPhase : std::uint8_t { configuring, launching, running, terminated };
 
@@ -245,6 +270,7 @@ struct MIRELS_EXPORT ChildProcessState {
     QualityOfService qos = QualityOfService::standard;
     std::function<void(ChildProcess&)> handler;
     std::function<void(pid_t)> stoppedLaunchHandler;
+    std::function<void(LaunchGate)> launchGateHandler;
     ChildProcessPhase phase = ChildProcessPhase::configuring;
     int pidfd = -1;
     int suspendCount = 0;
@@ -322,6 +348,18 @@ class MIRELS_EXPORT ChildProcess final : public std::enable_shared_from_this<Chi
     /// are the same.
     using StoppedLaunchHandler = std::function<void(pid_t)>;
     void setStoppedLaunchHandler(StoppedLaunchHandler handler);
+
+    /// Called once on the launching thread, during the launch and before the child exists, with
+    /// the child's `LaunchGate`: the handler hands it to another thread, which waits for the
+    /// child there (`waitForChild()`, with its streams, environment, directory, signals and
+    /// scheduling set up), attaches, and opens the gate. The child then runs the program without
+    /// any stop; the launch waits for the program to start and reports a failure to run it as
+    /// usual (after the gate opened). The launching thread is suspended until the child runs
+    /// the program (the child is started by vfork on it and shares its memory until then), so
+    /// the handler must not wait for the gate itself. No thread is started and no signal is
+    /// used; the parent's size costs nothing. Takes precedence over a stopped-launch handler.
+    using LaunchGateHandler = std::function<void(LaunchGate)>;
+    void setLaunchGateHandler(LaunchGateHandler handler);
 
     // --- launching ---
 

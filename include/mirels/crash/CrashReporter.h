@@ -59,8 +59,8 @@ struct CrashOutcome {
     }
 };
 
-/// A child started by a `CrashReporter`. Waiting is thread-safe; the supervision goes on (on its
-/// own thread) also when nobody holds this object.
+/// A child started by a `CrashReporter`. Waiting is thread-safe; the supervision goes on (on a
+/// supervising thread) also when nobody holds this object.
 class MIRELS_EXPORT SupervisedProcess {
   public:
     /// The child (launched).
@@ -104,10 +104,12 @@ class MIRELS_EXPORT SupervisedProcess {
 /// on at once to the stream the child was configured with (this process's standard error by
 /// default). Standard input and output are left as configured.
 ///
-/// Tracing: the child is seized (PTRACE_SEIZE, killed if this process dies) right after it is
-/// spawned, by a thread of the reporter's ("mirels.crash-trace", one per supervised child) that
-/// stays with it until it ends. A child that crashes before it is seized, or a system that
-/// refuses ptrace, still gets a report, without frames or images. Group stops (SIGSTOP, SIGTSTP)
+/// Tracing: the child waits at its `LaunchGate`, set up, just before it runs the program, and is
+/// seized there (PTRACE_SEIZE, killed if this process dies) by a supervising thread of the
+/// reporter's ("mirels.crash-tr") that stays with it until it ends; no stop is needed, not even
+/// at exec. Supervising threads are reused: one follows one child at a time, a new one starts
+/// only when every other is busy, and two stay for later launches. A child that ptrace cannot
+/// trace still gets a report, without frames or images. Group stops (SIGSTOP, SIGTSTP)
 /// and every other signal behave as without tracing. Threads the child starts are traced too.
 /// A traced child cannot itself use ptrace: a debugger, or a sanitizer's leak checker (which
 /// stops the process's threads with ptrace at exit and fails) will not work in it; run such a
@@ -116,8 +118,8 @@ class MIRELS_EXPORT SupervisedProcess {
 /// Reports are written atomically: a hidden temporary file (mode 0600) in the folder, synced,
 /// renamed to "<name>-<UTC date and time>-<pid>.json" (a number is added when that name is taken;
 /// an existing report is never replaced), and the folder synced. The folder and missing parent
-/// folders are created with mode 0700. Writing happens on the tracing thread after the child has
-/// died and its standard error has been drained.
+/// folders are created with mode 0700. Writing happens on the supervising thread after the child
+/// has died and its standard error has been drained.
 class MIRELS_EXPORT CrashReporter {
   public:
     /// The bug type of a report for a death by a fatal signal.
