@@ -22,6 +22,7 @@
 #include "mirels/futures/ConcurrentFutureCache.h"
 #include "mirels/futures/Future.h"
 #include "mirels/futures/FutureSerialQueue.h"
+#include "mirels/futures/TimeoutFuture.h"
 #include "support/BenchSupport.h"
 // clang-format off
 #include <benchmark/benchmark.h>
@@ -289,7 +290,7 @@ BENCHMARK(SerialQueue_MirelsEnqueueFinished)->Arg(1)->Arg(100)->Arg(10000);
 void Cache_MirelsHit(benchmark::State& state) {
     ConcurrentFutureCache<std::string, int> cache;
     const std::string key = "a key that is long enough to live on the heap";
-    cache.guaranteedValue(key, [](const std::string&) { return Future<int>::succeeded(1); });
+    (void)cache.guaranteedValue(key, [](const std::string&) { return Future<int>::succeeded(1); });
     long sink = 0;
     AllocationCounter counter(state);
     for (auto _ : state) {

@@ -93,7 +93,7 @@ void CachedHit_Mirels(benchmark::State& state) {
     std::vector<Promise<int>> promises;
     std::mutex mutex;
     auto manager = QueryManager::create(nullptr, {pendingScores(promises, mutex)});
-    for (long key = 0; key < 64; ++key) manager->cachedValue(ScoreQuery{key});
+    for (long key = 0; key < 64; ++key) (void)manager->cachedValue(ScoreQuery{key});
     long key = 0;
     {
         AllocationCounter counter(state);

@@ -2,7 +2,12 @@
 // gather results; a time-out bounds a wait; a serial queue runs asynchronous jobs one at a
 // time; a cache starts each computation once however many ask for it.
 
-#include <mirels/Foundation.h>
+#include <mirels/execution/DispatchQueue.h>
+#include <mirels/futures/ConcurrentFutureCache.h>
+#include <mirels/futures/Future.h>
+#include <mirels/futures/FutureSerialQueue.h>
+#include <mirels/futures/TimeoutFuture.h>
+#include <mirels/futures/TraverseFuture.h>
 
 #include <chrono>
 #include <cstdio>

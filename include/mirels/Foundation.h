@@ -41,6 +41,7 @@
 #include "mirels/core/CaptureWeak.h"
 #include "mirels/core/FatalError.h"
 #include "mirels/core/Identifier.h"
+#include "mirels/core/Invoke.h"
 #include "mirels/core/MutableBox.h"
 #include "mirels/core/RawValueCases.h"
 #include "mirels/core/Ref.h"

@@ -7,6 +7,7 @@
 
 #include "mirels/core/FatalError.h"
 #include "mirels/core/TypeName.h"
+#include "mirels/errors/DiagnosticsCollector.h"
 #include "mirels/errors/HumanReadableErrorOptionsPropertyList.h"
 #include "mirels/platform/Log.h"
 #include "mirels/plist/PlistSerialization.h"

@@ -5,8 +5,11 @@
 
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <mutex>
+
+#include "mirels/futures/TimeoutFuture.h"
 
 namespace mirels {
 
@@ -66,5 +69,15 @@ double effectiveTimeout(double timeout) {
     }();
     return override.value_or(timeout);
 }
+
+namespace detail {
+
+TimePeriod secondsPeriod(double seconds) {
+    if (!(seconds > 0)) return TimePeriod{};
+    if (seconds >= 9.2e9) return TimePeriod::fromNanoseconds(INT64_MAX);
+    return TimePeriod::fromNanoseconds(static_cast<std::int64_t>(std::llround(seconds * 1e9)));
+}
+
+}  // namespace detail
 
 }  // namespace mirels

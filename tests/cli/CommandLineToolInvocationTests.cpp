@@ -14,6 +14,7 @@
 #include "execution/Waiting.h"
 #include "mirels/cli/CommandLineToolInvocation.h"
 #include "mirels/futures/TimeoutError.h"
+#include "mirels/futures/TimeoutFuture.h"
 #include "support/TemporaryDirectory.h"
 
 namespace mirels {

@@ -13,6 +13,7 @@
 #include "mirels/crash/CrashReportError.h"
 #include "mirels/crash/CrashReportListener.h"
 #include "mirels/futures/TimeoutError.h"
+#include "mirels/futures/TimeoutFuture.h"
 #include "mirels/platform/Log.h"
 #include "platform/ChildProcess.h"
 #include "support/TemporaryDirectory.h"

@@ -3,6 +3,7 @@
 #include <thread>
 #include <vector>
 
+#include "mirels/errors/DiagnosticsCollector.h"
 #include "mirels/errors/HumanReadableError.h"
 #include "mirels/plist/PropertyList.h"
 

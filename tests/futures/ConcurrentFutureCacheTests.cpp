@@ -45,7 +45,7 @@ TEST(ConcurrentFutureCache, FailuresStayAndAThrowingClosureLeavesAFutureThatNeve
     EXPECT_TRUE(first.recentStateSnapshot().failedError().has_value());
 
     EXPECT_THROW(
-        cache.guaranteedValue(2, [](int) -> Future<int> { throw std::runtime_error("x"); }),
+        (void)cache.guaranteedValue(2, [](int) -> Future<int> { throw std::runtime_error("x"); }),
         std::runtime_error);
     auto stuck = cache.guaranteedValue(2, failing);
     EXPECT_EQ(runs, 1);

@@ -6,6 +6,7 @@
 
 #include "execution/Waiting.h"
 #include "mirels/futures/Future.h"
+#include "mirels/futures/FutureCoroutines.h"
 
 namespace mirels {
 namespace {

@@ -66,7 +66,7 @@ TEST(FutureSerialQueue, CancelingDropsAQueuedOperationAndCancelsARunningOne) {
 TEST(FutureSerialQueue, ManyOperationsFinishingAtOnceDoNotRecurse) {
     auto queue = FutureSerialQueue<int>::create(ExecutionLane::any());
     auto [gate, gatePromise] = Future<int>::create();
-    queue->enqueue([gate = gate] { return gate; });
+    (void)queue->enqueue([gate = gate] { return gate; });
     constexpr int count = 200'000;  // deep enough to overflow the stack if each started the next
     int ran = 0;
     Future<int> last = gate;

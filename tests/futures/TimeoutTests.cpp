@@ -10,6 +10,7 @@
 #include "execution/Waiting.h"
 #include "mirels/execution/StepScheduler.h"
 #include "mirels/futures/Future.h"
+#include "mirels/futures/TimeoutFuture.h"
 #include "platform/ChildProcess.h"
 #include "support/SoftAssertions.h"
 

@@ -10,9 +10,9 @@
 #include <any>
 #include <concepts>
 #include <cstddef>
+#include <iterator>
 #include <memory>
 #include <optional>
-#include <ranges>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -179,7 +179,12 @@ bool assertNil(const T& value, Message&& message, Callsite callsite = Callsite::
 }
 
 /// The collection is empty.
-template <std::ranges::sized_range C>
+template <class C>
+    requires requires(const C& collection) {
+        std::ranges::begin(collection);
+        std::ranges::end(collection);
+        std::ranges::size(collection);
+    }
 bool assertEmpty(const C& collection, Callsite callsite = Callsite::current()) {
     if (std::ranges::empty(collection)) [[likely]]
         return true;

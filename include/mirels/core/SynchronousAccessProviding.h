@@ -5,11 +5,11 @@
 // `SynchronousAccessProvider`, `UnsafeSynchronousAccessProviding`.
 
 #include <concepts>
-#include <functional>
 #include <type_traits>
 #include <utility>
 
 #include "mirels/core/Callsite.h"
+#include "mirels/core/Invoke.h"
 #include "mirels/core/ThreadSafetyAnnotations.h"
 
 namespace mirels {
@@ -46,7 +46,7 @@ class SynchronousAccessProviding {
                  std::is_assignable_v<std::invoke_result_t<MemberPointer, Value&>, NewValue&&>
     void syncSetValue(MemberPointer member, NewValue&& newValue) {
         self().syncWrite(
-            [&](Value& value) { std::invoke(member, value) = std::forward<NewValue>(newValue); },
+            [&](Value& value) { detail::invoke(member, value) = std::forward<NewValue>(newValue); },
             Callsite::library("syncSetValue(at:to:)"));
     }
 
@@ -71,8 +71,8 @@ class UnsafeSynchronousAccessProviding {
         F&& body, [[maybe_unused]] Callsite callsite = Callsite::current()) const
         // Unchecked on purpose: the caller vouches for the lock.
         MIRELS_NO_THREAD_SAFETY_ANALYSIS {
-        return std::invoke(std::forward<F>(body),
-                           std::as_const(static_cast<const Derived&>(*this).value_));
+        return detail::invoke(std::forward<F>(body),
+                              std::as_const(static_cast<const Derived&>(*this).value_));
     }
 
     /// Runs `body` with mutable access to the value, without locking or checking.
@@ -81,7 +81,7 @@ class UnsafeSynchronousAccessProviding {
     std::invoke_result_t<F&&, Value&> unsafeWrite(
         F&& body,
         [[maybe_unused]] Callsite callsite = Callsite::current()) MIRELS_NO_THREAD_SAFETY_ANALYSIS {
-        return std::invoke(std::forward<F>(body), static_cast<Derived&>(*this).value_);
+        return detail::invoke(std::forward<F>(body), static_cast<Derived&>(*this).value_);
     }
 
     Value unsafePeek(Callsite callsite = Callsite::current()) const {

@@ -10,12 +10,12 @@
 //     std::size_t count = seen.syncRead([](const std::vector<int>& v) { return v.size(); });
 //     std::vector<int> copy = seen.peek();
 
-#include <functional>
 #include <memory>
 #include <type_traits>
 #include <utility>
 
 #include "mirels/core/Callsite.h"
+#include "mirels/core/Invoke.h"
 #include "mirels/core/SynchronousAccessProviding.h"
 #include "mirels/core/UnfairLock.h"
 
@@ -60,7 +60,7 @@ class ThreadSafe final : public SynchronousAccessProviding<ThreadSafe<Value>, Va
     std::invoke_result_t<F&&, const Value&> syncRead(
         F&& body, [[maybe_unused]] Callsite callsite = Callsite::current()) const {
         UnfairLockGuard guard(lock_);
-        return std::invoke(std::forward<F>(body), std::as_const(value_));
+        return detail::invoke(std::forward<F>(body), std::as_const(value_));
     }
 
     /// Runs `body` with mutable access to the value in place under the lock.
@@ -69,7 +69,7 @@ class ThreadSafe final : public SynchronousAccessProviding<ThreadSafe<Value>, Va
     std::invoke_result_t<F&&, Value&> syncWrite(
         F&& body, [[maybe_unused]] Callsite callsite = Callsite::current()) {
         UnfairLockGuard guard(lock_);
-        return std::invoke(std::forward<F>(body), value_);
+        return detail::invoke(std::forward<F>(body), value_);
     }
 
   private:

@@ -4,11 +4,12 @@
 // inline storage for small captures.
 
 #include <cstddef>
-#include <functional>
 #include <memory>
 #include <new>
 #include <type_traits>
 #include <utility>
+
+#include "mirels/core/Invoke.h"
 
 namespace mirels {
 
@@ -99,11 +100,12 @@ class UniqueFunction<R(Args...), InlineSize> {
 
     template <class Fn>
     static R invokeInline(void* storage, Args&&... args) {
-        return std::invoke(*std::launder(static_cast<Fn*>(storage)), std::forward<Args>(args)...);
+        return detail::invoke(*std::launder(static_cast<Fn*>(storage)),
+                              std::forward<Args>(args)...);
     }
     template <class Fn>
     static R invokeHeap(void* storage, Args&&... args) {
-        return std::invoke(**static_cast<Fn**>(storage), std::forward<Args>(args)...);
+        return detail::invoke(**static_cast<Fn**>(storage), std::forward<Args>(args)...);
     }
     template <class Fn>
     static void manageInline(Operation op, void* self, void* target) noexcept {

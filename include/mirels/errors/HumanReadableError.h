@@ -22,11 +22,11 @@
 #include <string_view>
 
 #include "mirels/Export.h"
-#include "mirels/errors/DiagnosticsCollector.h"
 #include "mirels/errors/HumanReadableErrorOptions.h"
 
 namespace mirels {
 
+class DiagnosticsCollector;
 class PlatformError;
 class PropertyList;
 

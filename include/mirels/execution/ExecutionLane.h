@@ -9,7 +9,6 @@
 //     ExecutionLane::main().execute([] { /* runs on the main thread */ });
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -99,7 +98,7 @@ class MIRELS_EXPORT ExecutionLane {
         requires std::is_invocable_v<std::decay_t<F>&>
     void execute(F&& callback) const {
         if (isCurrent()) {
-            std::invoke(callback);
+            callback();
         } else if (kind_ == Kind::main) {
             MainQueue::async(UniqueFunction<void()>(std::forward<F>(callback)));
         } else {

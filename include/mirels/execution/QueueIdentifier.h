@@ -2,8 +2,9 @@
 
 // `QueueIdentifier`: the tag by which a queue recognises itself.
 
+#include <cstddef>
 #include <cstdint>
-#include <functional>
+#include <typeindex>  // declares std::hash, which <functional> would bring with containers
 
 namespace mirels {
 
@@ -21,6 +22,6 @@ struct QueueIdentifier {
 template <>
 struct std::hash<mirels::QueueIdentifier> {
     std::size_t operator()(mirels::QueueIdentifier id) const noexcept {
-        return std::hash<std::int64_t>{}(id.identifier);
+        return static_cast<std::size_t>(id.identifier);
     }
 };

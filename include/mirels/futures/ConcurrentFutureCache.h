@@ -31,7 +31,7 @@ class ConcurrentFutureCache final {
     ConcurrentFutureCache& operator=(const ConcurrentFutureCache&) = delete;
 
     /// An empty cache, shared.
-    static std::shared_ptr<ConcurrentFutureCache> create() {
+    [[nodiscard]] static std::shared_ptr<ConcurrentFutureCache> create() {
         return std::make_shared<ConcurrentFutureCache>();
     }
 

@@ -12,9 +12,7 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <optional>
 #include <string>
@@ -24,7 +22,6 @@
 #include "mirels/core/Assertions.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/FatalError.h"
-#include "mirels/core/ThreadSafe.h"
 #include "mirels/core/TimePeriod.h"
 #include "mirels/core/UniqueFunction.h"
 #include "mirels/errors/Error.h"
@@ -167,15 +164,15 @@ class AbstractFuture : public detail::FutureCore {
     virtual ~AbstractFuture();
 
     /// The state now (it may change as soon as it is returned).
-    FutureState<T> recentStateSnapshot() const;
+    [[nodiscard]] FutureState<T> recentStateSnapshot() const;
     /// The value, when the future has succeeded.
-    std::optional<FutureValue<T>> succeededValue() const;
+    [[nodiscard]] std::optional<FutureValue<T>> succeededValue() const;
     bool isCanceled() const noexcept;
     bool hasFinishedSuccessfully() const noexcept;
 
     /// The termination of a finished future, read in place; null while running. A finished
     /// future never changes, so the pointer stays valid for as long as the future lives.
-    const Termination* terminationIfFinished() const noexcept {
+    [[nodiscard]] const Termination* terminationIfFinished() const noexcept {
         return isFinished() ? storedTermination() : nullptr;
     }
 
@@ -248,7 +245,7 @@ class AbstractFuture : public detail::FutureCore {
 
 /// A new promise-backed future and the promise that finishes it.
 template <class T>
-struct FutureAndPromise {
+struct [[nodiscard]] FutureAndPromise {
     Future<T> future;
     Promise<T> promise;
 };
@@ -264,7 +261,7 @@ struct FutureAndPromise {
 /// be awaited with `co_await` in a C++20 coroutine, and a coroutine can return one (see
 /// `FutureCoroutines.h`).
 template <class T>
-class Future {
+class [[nodiscard]] Future {
   public:
     using Value = T;
     using Termination = FutureTermination<T>;
@@ -473,12 +470,18 @@ class Future {
 
     // --- inspection ---
 
-    FutureState<T> recentStateSnapshot() const { return object_->recentStateSnapshot(); }
-    std::optional<FutureValue<T>> succeededValue() const { return object_->succeededValue(); }
+    [[nodiscard]] FutureState<T> recentStateSnapshot() const {
+        return object_->recentStateSnapshot();
+    }
+    [[nodiscard]] std::optional<FutureValue<T>> succeededValue() const {
+        return object_->succeededValue();
+    }
     bool isCanceled() const noexcept { return object_->isCanceled(); }
     bool hasFinishedSuccessfully() const noexcept { return object_->hasFinishedSuccessfully(); }
-    std::optional<TimePeriod> runningTime() const noexcept { return object_->runningTime(); }
-    const Termination* terminationIfFinished() const noexcept {
+    [[nodiscard]] std::optional<TimePeriod> runningTime() const noexcept {
+        return object_->runningTime();
+    }
+    [[nodiscard]] const Termination* terminationIfFinished() const noexcept {
         return object_->terminationIfFinished();
     }
     Callsite initializationCallsite() const noexcept { return object_->initializationCallsite(); }
@@ -704,35 +707,54 @@ class Future {
             callsite);
     }
 
+    // --- time-outs (defined by the types in "mirels/futures/TimeoutFuture.h": include it to
+    // call these; without it a call fails to compile on the incomplete `TimeoutFuture<T>`) ---
+
     /// A future that is sure to finish: with this future's outcome as its value (a failure
     /// arrives as a failure result), or, when `after` seconds pass first, failed with
     /// `timeoutError(after)`, in which case this future is canceled. The timer runs on the
     /// default background queue with `leeway` of slack.
     Future<Result<T>> timeout(double after, TimePeriod leeway, TimeoutErrorMaker timeoutError,
-                              Callsite callsite = Callsite::current()) const;
+                              Callsite callsite = Callsite::current()) const {
+        return TimeoutFuture<T>::create(*this, after, leeway, std::move(timeoutError), callsite);
+    }
     /// `timeout` failing with `TimeoutError::timedOut(after)`.
     Future<Result<T>> timeout(double after, TimePeriod leeway,
-                              Callsite callsite = Callsite::current()) const;
+                              Callsite callsite = Callsite::current()) const {
+        return timeout(after, leeway, TimeoutFuture<T>::timedOutError(), callsite);
+    }
     /// `timeout` with no leeway, failing with `TimeoutError::timedOut(after)`.
-    Future<Result<T>> timeout(double after, Callsite callsite = Callsite::current()) const;
+    Future<Result<T>> timeout(double after, Callsite callsite = Callsite::current()) const {
+        return timeout(after, TimePeriod{}, callsite);
+    }
     /// `timeout` timed by `scheduler` instead of the background queue's timer (a
     /// `StepScheduler` lets a test time out without waiting).
     Future<Result<T>> timeout(double after, TimePeriod leeway, TimeoutErrorMaker timeoutError,
                               const std::shared_ptr<Scheduler>& scheduler,
-                              Callsite callsite = Callsite::current()) const;
+                              Callsite callsite = Callsite::current()) const {
+        return TimeoutFuture<T>::create(*this, after, leeway, std::move(timeoutError), callsite,
+                                        scheduler);
+    }
     /// `timeout` timed by `scheduler`, with no leeway, failing with
     /// `TimeoutError::timedOut(after)`.
     Future<Result<T>> timeout(double after, const std::shared_ptr<Scheduler>& scheduler,
-                              Callsite callsite = Callsite::current()) const;
+                              Callsite callsite = Callsite::current()) const {
+        return timeout(after, TimePeriod{}, TimeoutFuture<T>::timedOutError(), scheduler, callsite);
+    }
 
-    // --- coroutines ---
+    // --- coroutines (defined by the types in "mirels/futures/FutureCoroutines.h": include it
+    // to await a future or to return one from a coroutine) ---
 
     /// `co_await future`: the value, the error thrown, or `FutureCanceled` thrown on
     /// cancellation; the coroutine resumes on the thread that finishes the future.
-    FutureAwaitable<T> operator co_await() const;
+    FutureAwaitable<T> operator co_await() const {
+        return FutureAwaitable<T>(*this, ExecutionLane::any());
+    }
 
     /// `co_await future.on(lane)`: as `co_await future`, resuming on `lane`.
-    FutureAwaitable<T> on(ExecutionLane lane) const;
+    FutureAwaitable<T> on(ExecutionLane lane) const {
+        return FutureAwaitable<T>(*this, std::move(lane));
+    }
 
     // --- identity ---
 
@@ -791,8 +813,6 @@ struct std::hash<mirels::Future<T>> {
 #include "mirels/futures/ConstantFuture.h"
 #include "mirels/futures/FlatMapFuture.h"
 #include "mirels/futures/Future-inl.h"  // IWYU pragma: export
-#include "mirels/futures/FutureCoroutines.h"
 #include "mirels/futures/MapFuture.h"
 #include "mirels/futures/PromiseFuture.h"
-#include "mirels/futures/TimeoutFuture.h"
 #include "mirels/futures/UncancelableFuture.h"

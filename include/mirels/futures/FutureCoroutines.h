@@ -167,14 +167,4 @@ class FutureAwaitable {
     detail::CoroutineCancellation* cancellation_ = nullptr;
 };
 
-template <class T>
-FutureAwaitable<T> Future<T>::operator co_await() const {
-    return FutureAwaitable<T>(*this, ExecutionLane::any());
-}
-
-template <class T>
-FutureAwaitable<T> Future<T>::on(ExecutionLane lane) const {
-    return FutureAwaitable<T>(*this, std::move(lane));
-}
-
 }  // namespace mirels

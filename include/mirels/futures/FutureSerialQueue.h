@@ -54,7 +54,7 @@ class FutureSerialQueue final : public std::enable_shared_from_this<FutureSerial
     FutureSerialQueue(Key, ExecutionLane dequeueLane) : dequeueLane_(std::move(dequeueLane)) {}
 
     /// An empty queue that starts its operations on `dequeueLane`.
-    static std::shared_ptr<FutureSerialQueue> create(ExecutionLane dequeueLane) {
+    [[nodiscard]] static std::shared_ptr<FutureSerialQueue> create(ExecutionLane dequeueLane) {
         return std::make_shared<FutureSerialQueue>(Key{}, std::move(dequeueLane));
     }
 

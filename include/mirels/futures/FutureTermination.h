@@ -159,13 +159,13 @@ class FutureTermination {
     const Result<T>* resultIfCompleted() const noexcept { return canceled_ ? nullptr : &result_; }
 
     /// The cancel call site when canceled.
-    std::optional<Callsite> canceledCallsite() const noexcept {
+    [[nodiscard]] std::optional<Callsite> canceledCallsite() const noexcept {
         if (canceled_) return callsite_;
         return std::nullopt;
     }
 
     /// The value when succeeded.
-    std::optional<FutureValue<T>> succeededValue() const {
+    [[nodiscard]] std::optional<FutureValue<T>> succeededValue() const {
         const Result<T>* result = resultIfCompleted();
         if (result == nullptr || result->isFailure()) return std::nullopt;
         if constexpr (std::is_void_v<T>) {
@@ -176,20 +176,20 @@ class FutureTermination {
     }
 
     /// The error when failed.
-    std::optional<Error> failedError() const {
+    [[nodiscard]] std::optional<Error> failedError() const {
         const Result<T>* result = resultIfCompleted();
         if (result == nullptr || result->isSuccess()) return std::nullopt;
         return *result->failureError();
     }
 
     /// The success-or-failure result; absent when canceled.
-    std::optional<Result<T>> completedResult() const {
+    [[nodiscard]] std::optional<Result<T>> completedResult() const {
         if (const Result<T>* result = resultIfCompleted()) return *result;
         return std::nullopt;
     }
 
     /// The success-or-failure result, in which canceled becomes a failure with `FutureCanceled`.
-    Result<T> result() const {
+    [[nodiscard]] Result<T> result() const {
         if (const Result<T>* completed = resultIfCompleted()) return *completed;
         return Result<T>(Error(FutureCanceled(callsite_)));
     }
@@ -198,7 +198,7 @@ class FutureTermination {
     /// a result.
     template <class F>
         requires std::is_invocable_r_v<Result<T>, F&&, Callsite>
-    Result<T> resultMappingCancelation(F&& mapCancelation) const {
+    [[nodiscard]] Result<T> resultMappingCancelation(F&& mapCancelation) const {
         if (const Result<T>* completed = resultIfCompleted()) return *completed;
         return std::forward<F>(mapCancelation)(callsite_);
     }
@@ -316,13 +316,13 @@ class FutureState {
     /// The termination when finished.
     const std::optional<FutureTermination<T>>& termination() const noexcept { return termination_; }
 
-    std::optional<FutureValue<T>> succeededValue() const {
+    [[nodiscard]] std::optional<FutureValue<T>> succeededValue() const {
         return termination_ ? termination_->succeededValue() : std::nullopt;
     }
-    std::optional<Error> failedError() const {
+    [[nodiscard]] std::optional<Error> failedError() const {
         return termination_ ? termination_->failedError() : std::nullopt;
     }
-    std::optional<Result<T>> completedResult() const {
+    [[nodiscard]] std::optional<Result<T>> completedResult() const {
         return termination_ ? termination_->completedResult() : std::nullopt;
     }
 

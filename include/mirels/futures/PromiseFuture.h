@@ -66,7 +66,8 @@ class PromiseFuture final : public AbstractFuture<T> {
 
     PromiseFuture(Key, Callsite callsite) : AbstractFuture<T>(callsite) {}
 
-    static std::shared_ptr<PromiseFuture> create(Callsite callsite = Callsite::current()) {
+    [[nodiscard]] static std::shared_ptr<PromiseFuture> create(
+        Callsite callsite = Callsite::current()) {
         return std::make_shared<PromiseFuture>(Key{}, callsite);
     }
 

@@ -25,7 +25,8 @@ namespace detail {
 /// `accumulateErrors`, the first failure in order; with it, the only failure itself, or an
 /// `AccumulatedError` of all of them in order.
 template <class T>
-Result<std::vector<T>> combineResults(std::vector<Result<T>>&& results, bool accumulateErrors) {
+[[nodiscard]] Result<std::vector<T>> combineResults(std::vector<Result<T>>&& results,
+                                                    bool accumulateErrors) {
     std::vector<Error> errors;
     for (Result<T>& result : results) {
         if (const Error* error = result.failureError()) {
@@ -42,7 +43,7 @@ Result<std::vector<T>> combineResults(std::vector<Result<T>>&& results, bool acc
 }
 
 template <class R>
-auto collectResults(R&& results) {
+[[nodiscard]] auto collectResults(R&& results) {
     using Element = std::remove_cvref_t<std::ranges::range_reference_t<R>>;
     std::vector<Element> collected;
     if constexpr (std::ranges::sized_range<R>) collected.reserve(std::ranges::size(results));
@@ -63,7 +64,7 @@ concept ResultTransform =
         std::remove_cvref_t<std::invoke_result_t<F&, std::ranges::range_reference_t<R>>>>::value;
 
 template <class R, class F>
-auto transformResults(R&& elements, F& transform) {
+[[nodiscard]] auto transformResults(R&& elements, F& transform) {
     using Out = std::remove_cvref_t<std::invoke_result_t<F&, std::ranges::range_reference_t<R>>>;
     std::vector<Out> results;
     for (auto&& element : elements) results.push_back(transform(element));
@@ -74,21 +75,21 @@ auto transformResults(R&& elements, F& transform) {
 
 /// The list of values when every result succeeded, else the first failure in order.
 template <detail::ResultRange R>
-auto invert(R&& results) {
+[[nodiscard]] auto invert(R&& results) {
     return detail::combineResults(detail::collectResults(std::forward<R>(results)), false);
 }
 
 /// The list of values when every result succeeded, else the only failure, or an
 /// `AccumulatedError` of every failure in order.
 template <detail::ResultRange R>
-auto invertAndAccumulateErrors(R&& results) {
+[[nodiscard]] auto invertAndAccumulateErrors(R&& results) {
     return detail::combineResults(detail::collectResults(std::forward<R>(results)), true);
 }
 
 /// `invert` of the results that `transform` makes of each element, in order.
 template <std::ranges::input_range R, class F>
     requires detail::ResultTransform<R, F>
-auto traverse(R&& elements, F&& transform) {
+[[nodiscard]] auto traverse(R&& elements, F&& transform) {
     return detail::combineResults(detail::transformResults(std::forward<R>(elements), transform),
                                   false);
 }
@@ -96,7 +97,7 @@ auto traverse(R&& elements, F&& transform) {
 /// `invertAndAccumulateErrors` of the results that `transform` makes of each element.
 template <std::ranges::input_range R, class F>
     requires detail::ResultTransform<R, F>
-auto traverseAndAccumulateErrors(R&& elements, F&& transform) {
+[[nodiscard]] auto traverseAndAccumulateErrors(R&& elements, F&& transform) {
     return detail::combineResults(detail::transformResults(std::forward<R>(elements), transform),
                                   true);
 }

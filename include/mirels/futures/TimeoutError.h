@@ -21,14 +21,14 @@ namespace mirels {
 class MIRELS_EXPORT TimeoutError final : public HumanReadableError {
   public:
     /// Timed out after `interval` seconds.
-    static TimeoutError timedOut(double interval);
+    [[nodiscard]] static TimeoutError timedOut(double interval);
 
     /// Timed out waiting for `description` after `interval` seconds.
-    static TimeoutError timedOutSpecific(double interval, std::string description);
+    [[nodiscard]] static TimeoutError timedOutSpecific(double interval, std::string description);
 
     /// An error maker for `Future::timeout`: from the interval, `timedOutSpecific(interval,
     /// waitingFor)`.
-    static UniqueFunction<Error(double)> timedOut(std::string waitingFor);
+    [[nodiscard]] static UniqueFunction<Error(double)> timedOut(std::string waitingFor);
 
     bool isTimedOutSpecific() const noexcept { return description_.has_value(); }
     double interval() const noexcept { return interval_; }

@@ -2,12 +2,11 @@
 
 // `TimeoutFuture`: a future that is sure to finish.
 
-#include <chrono>
-#include <cmath>
 #include <memory>
 #include <optional>
 #include <utility>
 
+#include "mirels/Export.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/execution/OneShotTimer.h"
 #include "mirels/execution/Scheduler.h"
@@ -29,11 +28,9 @@ FutureTermination<Result<T>> timeoutTermination(const FutureTermination<T>& term
     return FutureTermination<Result<T>>::canceled(*termination.canceledCallsite());
 }
 
-inline TimePeriod secondsPeriod(double seconds) {
-    if (!(seconds > 0)) return TimePeriod{};
-    if (seconds >= 9.2e9) return TimePeriod::fromNanoseconds(INT64_MAX);
-    return TimePeriod::fromNanoseconds(static_cast<std::int64_t>(std::llround(seconds * 1e9)));
-}
+/// `seconds` as a period, rounded to the nanosecond: zero for anything not positive (NaN
+/// included), the longest period for anything past it.
+MIRELS_EXPORT TimePeriod secondsPeriod(double seconds);
 
 }  // namespace detail
 
@@ -70,6 +67,11 @@ class TimeoutFuture final : public AbstractFuture<Result<T>> {
           activity_(Running{std::move(watched), OneShotTimer(), nullptr}),
           interval_(interval),
           makeTimeoutError_(std::move(makeTimeoutError)) {}
+
+    /// The maker of the default time-out error, `TimeoutError::timedOut(interval)`.
+    [[nodiscard]] static TimeoutErrorMaker timedOutError() {
+        return [](double interval) { return Error(TimeoutError::timedOut(interval)); };
+    }
 
     /// A time-out on the default background queue's timer, or on `scheduler` when one is given.
     static Future<Result<T>> create(Future<T> watched, double interval, TimePeriod leeway,
@@ -160,41 +162,5 @@ class TimeoutFuture final : public AbstractFuture<Result<T>> {
     const double interval_;
     TimeoutErrorMaker makeTimeoutError_;
 };
-
-template <class T>
-Future<Result<T>> Future<T>::timeout(double after, TimePeriod leeway,
-                                     TimeoutErrorMaker timeoutError, Callsite callsite) const {
-    return TimeoutFuture<T>::create(*this, after, leeway, std::move(timeoutError), callsite);
-}
-
-template <class T>
-Future<Result<T>> Future<T>::timeout(double after, TimePeriod leeway, Callsite callsite) const {
-    return timeout(
-        after, leeway, [](double interval) { return Error(TimeoutError::timedOut(interval)); },
-        callsite);
-}
-
-template <class T>
-Future<Result<T>> Future<T>::timeout(double after, Callsite callsite) const {
-    return timeout(after, TimePeriod{}, callsite);
-}
-
-template <class T>
-Future<Result<T>> Future<T>::timeout(double after, TimePeriod leeway,
-                                     TimeoutErrorMaker timeoutError,
-                                     const std::shared_ptr<Scheduler>& scheduler,
-                                     Callsite callsite) const {
-    return TimeoutFuture<T>::create(*this, after, leeway, std::move(timeoutError), callsite,
-                                    scheduler);
-}
-
-template <class T>
-Future<Result<T>> Future<T>::timeout(double after, const std::shared_ptr<Scheduler>& scheduler,
-                                     Callsite callsite) const {
-    return timeout(
-        after, TimePeriod{},
-        [](double interval) { return Error(TimeoutError::timedOut(interval)); }, scheduler,
-        callsite);
-}
 
 }  // namespace mirels
