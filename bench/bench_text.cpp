@@ -161,7 +161,8 @@ int gitLine(const git_diff_delta*, const git_diff_hunk*, const git_diff_line* li
 std::string gitUnified(const TextPair& texts) {
     GitRendering out;
     out.text = "--- old\n+++ new\n";
-    git_diff_options options = GIT_DIFF_OPTIONS_INIT;
+    git_diff_options options;
+    git_diff_options_init(&options, GIT_DIFF_OPTIONS_VERSION);
     options.context_lines = 3;
     if (git_diff_buffers(texts.oldText.data(), texts.oldText.size(), "old", texts.newText.data(),
                          texts.newText.size(), "new", &options, nullptr, nullptr, gitHunk, gitLine,

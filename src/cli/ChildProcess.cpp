@@ -18,6 +18,7 @@
 #include <thread>
 #include <utility>
 
+#include "../core/SystemErrorText.h"
 #include "ProcessIOLoop.h"
 #include "mirels/core/FatalError.h"
 
@@ -39,21 +40,14 @@ int sendThroughDescriptor(int pidfd, int signal) noexcept {
     return static_cast<int>(::syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0));
 }
 
-std::string systemErrorText(int number) {
-    if (number == 0) return "unknown error";
-    char buffer[256];
-    // The GNU strerror_r returns the text, which may or may not be in the buffer.
-    return ::strerror_r(number, buffer, sizeof buffer);
-}
-
 std::string errorTitle(ProcessError::Step step, const std::string& path, int number,
                        const std::string& directory) {
     switch (step) {
         case ProcessError::Step::launch:
-            return "Could not launch " + path + ": " + systemErrorText(number) + ".";
+            return "Could not launch " + path + ": " + detail::systemErrorText(number) + ".";
         case ProcessError::Step::workingDirectory:
             return "Could not launch " + path + " in " + directory + ": " +
-                   systemErrorText(number) + ".";
+                   detail::systemErrorText(number) + ".";
         case ProcessError::Step::noExecutable:
             return "Could not launch a process without an executable.";
         case ProcessError::Step::alreadyLaunched:
@@ -61,7 +55,7 @@ std::string errorTitle(ProcessError::Step step, const std::string& path, int num
         case ProcessError::Step::noProcess:
             return "Could not launch: there is no process.";
         case ProcessError::Step::descriptor:
-            return "Could not " + path + ": " + systemErrorText(number) + ".";
+            return "Could not " + path + ": " + detail::systemErrorText(number) + ".";
     }
     return "Could not launch " + path + ".";
 }

@@ -19,6 +19,7 @@
 #include <set>
 #include <thread>
 
+#include "../core/SystemErrorText.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/crash/CrashReportListener.h"
 
@@ -39,11 +40,6 @@ PlistDate now() {
     ::clock_gettime(CLOCK_REALTIME, &time);
     return PlistDate{static_cast<double>(time.tv_sec) - referenceDateOffset +
                      static_cast<double>(time.tv_nsec) / 1e9};
-}
-
-std::string systemErrorText(int number) {
-    char buffer[256];
-    return ::strerror_r(number, buffer, sizeof buffer);
 }
 
 /// The last lines a child wrote to its standard error, bounded in count and length.
@@ -208,7 +204,7 @@ void makeFolder(const std::filesystem::path& folder) {
 CrashReportWriteError::CrashReportWriteError(std::string operation, std::string path,
                                              int systemErrorNumber)
     : operation_(std::move(operation)), path_(std::move(path)), errno_(systemErrorNumber) {
-    info_ = "Could not " + operation_ + " " + path_ + ": " + systemErrorText(errno_) + ".";
+    info_ = "Could not " + operation_ + " " + path_ + ": " + detail::systemErrorText(errno_) + ".";
 }
 
 std::optional<std::string> CrashReportWriteError::highValueTitle() const {
