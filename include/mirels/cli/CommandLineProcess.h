@@ -47,10 +47,13 @@ class MIRELS_EXPORT QKCommandLineProcess
 
     // The same three, under the library's usual name for makers of reference types.
     [[nodiscard]] static std::shared_ptr<QKCommandLineProcess> create() { return init(); }
-    [[nodiscard]] static std::shared_ptr<QKCommandLineProcess> create(std::shared_ptr<ChildProcess> task) {
+    [[nodiscard]] static std::shared_ptr<QKCommandLineProcess> create(
+        std::shared_ptr<ChildProcess> task) {
         return initWithTask(std::move(task));
     }
-    [[nodiscard]] static std::shared_ptr<QKCommandLineProcess> createNoTask() { return initNoTask(); }
+    [[nodiscard]] static std::shared_ptr<QKCommandLineProcess> createNoTask() {
+        return initNoTask();
+    }
 
     /// The wrapped process; null for a wrapper made with `initNoTask`.
     const std::shared_ptr<ChildProcess>& task() const noexcept { return task_; }

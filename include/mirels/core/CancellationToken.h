@@ -49,8 +49,8 @@ class MIRELS_EXPORT CancellationToken final {
 
     /// A token whose cancelling runs `didCancel`. One allocation: the action's captures are
     /// stored inline when small.
-    [[nodiscard]] static std::shared_ptr<CancellationToken> create(Action didCancel,
-                                                     Callsite callsite = Callsite::current());
+    [[nodiscard]] static std::shared_ptr<CancellationToken> create(
+        Action didCancel, Callsite callsite = Callsite::current());
 
     template <class Payload>
     friend class CancellationTokenWithPayload;

@@ -41,7 +41,8 @@ MIRELS_EXPORT std::string errorTypeDescription(const Error& error);
 
 /// `main` with `underlying` as its cause: `main` itself when `underlying` is absent, else an
 /// `UnderlyingErrorWrapper` of the human-readable forms of both.
-[[nodiscard]] MIRELS_EXPORT Error withUnderlying(const Error& main, const std::optional<Error>& underlying);
+[[nodiscard]] MIRELS_EXPORT Error withUnderlying(const Error& main,
+                                                 const std::optional<Error>& underlying);
 MIRELS_EXPORT HumanReadableErrorRef withUnderlying(HumanReadableErrorRef main,
                                                    const std::optional<Error>& underlying);
 

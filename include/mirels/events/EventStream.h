@@ -60,8 +60,8 @@ class EventStream : public EventStreamOperators<EventStream<E>, E> {
         : observeAction_(std::make_shared<ObserveAction>(std::move(observeAction))) {}
 
     /// Subscribes `handler`; the token ends the subscription.
-    [[nodiscard]] std::shared_ptr<CancellationToken> observe(Handler handler,
-                                               Callsite callsite = Callsite::current()) const {
+    [[nodiscard]] std::shared_ptr<CancellationToken> observe(
+        Handler handler, Callsite callsite = Callsite::current()) const {
         return (*observeAction_)(std::move(handler), callsite);
     }
 
@@ -168,8 +168,8 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
     /// One allocation holds the token and the handler together; the subscriber table lists the
     /// subscription by a counted pointer, so a snapshot taken by a send keeps the handler for
     /// as long as it needs it, and the handler is released as soon as no table lists it.
-    [[nodiscard]] std::shared_ptr<CancellationToken> observe(Handler handler,
-                                               Callsite callsite = Callsite::current()) {
+    [[nodiscard]] std::shared_ptr<CancellationToken> observe(
+        Handler handler, Callsite callsite = Callsite::current()) {
         auto box = std::make_shared<CancellationTokenWithPayload<Subscription>>(callsite, storage_,
                                                                                 std::move(handler));
         Subscription& subscription = box->payload;

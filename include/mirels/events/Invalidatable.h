@@ -62,7 +62,8 @@ class MIRELS_EXPORT Invalidatable : public MinimallyInvalidatable {
     /// Calls `observer` when the object is invalidated, and returns the token that unregisters
     /// it. When the object has been invalidated already, calls `observer` at once and returns
     /// null.
-    [[nodiscard]] std::shared_ptr<CancellationToken> observeInvalidation(UniqueFunction<void()> observer) const;
+    [[nodiscard]] std::shared_ptr<CancellationToken> observeInvalidation(
+        UniqueFunction<void()> observer) const;
 
     /// As `observeInvalidation`, keeping the registration until the invalidation.
     void onInvalidation(UniqueFunction<void()> observer) const;

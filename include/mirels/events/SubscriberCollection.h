@@ -42,8 +42,8 @@ class SubscriberCollection {
     /// alive. A removed element is destroyed after `modify` returns, outside the owner's lock.
     template <class Modify>
         requires std::is_invocable_v<Modify&, Edit&> && std::is_move_constructible_v<Modify>
-    [[nodiscard]] static std::shared_ptr<CancellationToken> add(Element element, Modify modify,
-                                                  Callsite callsite = Callsite::current()) {
+    [[nodiscard]] static std::shared_ptr<CancellationToken> add(
+        Element element, Modify modify, Callsite callsite = Callsite::current()) {
         Identifier identifier;
         {
             Edit insert([&](SubscriberCollection& collection) {
@@ -65,9 +65,9 @@ class SubscriberCollection {
     /// As above, with the collection reached as the member `at` of the object `of`, without a
     /// lock (for objects confined to one thread). The token holds the object weakly.
     template <class Object>
-    [[nodiscard]] static std::shared_ptr<CancellationToken> add(Element element, SubscriberCollection Object::*at,
-                                                  const std::shared_ptr<Object>& of,
-                                                  Callsite callsite = Callsite::current()) {
+    [[nodiscard]] static std::shared_ptr<CancellationToken> add(
+        Element element, SubscriberCollection Object::*at, const std::shared_ptr<Object>& of,
+        Callsite callsite = Callsite::current()) {
         auto modify = [object = std::weak_ptr<Object>(of), at](Edit& edit) {
             if (auto strong = object.lock()) edit((*strong).*at);
         };

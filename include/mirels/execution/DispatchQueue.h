@@ -37,8 +37,9 @@ class MIRELS_EXPORT DispatchQueue : public std::enable_shared_from_this<Dispatch
 
     /// A new queue. Takes the next value of the process-wide identifier counter as its
     /// identifier. Starts the pool's worker threads if this is the pool's first queue.
-    [[nodiscard]] static std::shared_ptr<DispatchQueue> create(std::string label, QualityOfService qos,
-                                                 Kind kind = Kind::serial);
+    [[nodiscard]] static std::shared_ptr<DispatchQueue> create(std::string label,
+                                                               QualityOfService qos,
+                                                               Kind kind = Kind::serial);
 
     /// The process's default background queue: a concurrent queue at `background` quality of
     /// service, made on first use and never destroyed. Time-out timers fire on it.
