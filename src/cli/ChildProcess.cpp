@@ -552,6 +552,23 @@ struct StoppedChildSetup {
     int gateParentDescriptor = -1;
 };
 
+/// Fills in what the child of `spawnStopped` or `spawnGated` needs; 0, or EBADF when a standard
+/// stream has no descriptor to give the child.
+int prepareChildSetup(const std::string& path, char* const* argv, char* const* envp,
+                      const ProcessStandardStream (&streams)[3],
+                      const std::optional<std::string>& directory, QualityOfService qos,
+                      StoppedChildSetup& setup) {
+    setup = StoppedChildSetup{
+        path.c_str(), argv, envp, {}, directory ? directory->c_str() : nullptr, qos, -1};
+    for (int i = 0; i < 3; ++i) {
+        setup.sources[i] = forkedStreamSource(streams[i], i);
+        if (setup.sources[i] == -1 && streams[i].kind() != ProcessStandardStream::Kind::inherit) {
+            return EBADF;
+        }
+    }
+    return 0;
+}
+
 /// The child's side of `spawnStopped` and `spawnGated`. It runs in a vfork child on the spawning
 /// thread's stack, with every signal blocked: only system calls, no allocation, no return.
 /// Signal dispositions change through the raw system call so that no library wrapper (a
@@ -645,13 +662,9 @@ int spawnStopped(const std::string& path, char* const* argv, char* const* envp,
                  const ProcessStandardStream (&streams)[3],
                  const std::optional<std::string>& directory, QualityOfService qos,
                  const std::function<void(pid_t)>& handler, pid_t& pid) {
-    StoppedChildSetup setup{path.c_str(), argv, envp, {}, directory ? directory->c_str() : nullptr,
-                            qos,          -1};
-    for (int i = 0; i < 3; ++i) {
-        setup.sources[i] = forkedStreamSource(streams[i], i);
-        if (setup.sources[i] == -1 && streams[i].kind() != ProcessStandardStream::Kind::inherit) {
-            return EBADF;
-        }
+    StoppedChildSetup setup{};
+    if (const int error = prepareChildSetup(path, argv, envp, streams, directory, qos, setup)) {
+        return error;
     }
     int report[2];
     if (::pipe2(report, O_CLOEXEC) != 0) return errno;
@@ -711,13 +724,9 @@ int spawnGated(const std::string& path, char* const* argv, char* const* envp,
                const ProcessStandardStream (&streams)[3],
                const std::optional<std::string>& directory, QualityOfService qos,
                const std::function<void(LaunchGate)>& handler, pid_t& pid) {
-    StoppedChildSetup setup{path.c_str(), argv, envp, {}, directory ? directory->c_str() : nullptr,
-                            qos,          -1};
-    for (int i = 0; i < 3; ++i) {
-        setup.sources[i] = forkedStreamSource(streams[i], i);
-        if (setup.sources[i] == -1 && streams[i].kind() != ProcessStandardStream::Kind::inherit) {
-            return EBADF;
-        }
+    StoppedChildSetup setup{};
+    if (const int error = prepareChildSetup(path, argv, envp, streams, directory, qos, setup)) {
+        return error;
     }
     int report[2];
     if (::pipe2(report, O_CLOEXEC) != 0) return errno;
