@@ -23,8 +23,11 @@ inline void spinPause() noexcept {
 }
 
 // Critical sections of the library are a few instructions long: a short spin usually sees the
-// lock released, for far less than a trip through the kernel. Kept short so that a holder that
-// lost its core (more threads than cores) does not cost much spinning.
+// lock released, for far less than a trip through the kernel. Each probe waits twice as long as
+// the one before (1, 2, 4 ... 64 pauses): a waiter that polled the word at once after every
+// release would pull its cache line away from a holder that re-locks in a loop, which costs
+// both threads more than the wait saves. Kept short so that a holder that lost its core (more
+// threads than cores) does not cost much spinning.
 constexpr int spinLimit = 64;
 }  // namespace
 
@@ -34,14 +37,14 @@ void UnfairLock::lockContended() noexcept {
     // slept cannot know whether others still sleep, so it takes the lock marked.
     std::uint32_t takeAs = locked;
     for (;;) {
-        for (int spin = 0; spin < spinLimit; ++spin) {
+        for (int pauses = 1; pauses <= spinLimit; pauses *= 2) {
             std::uint32_t state = word_.load(std::memory_order_relaxed);
             if (state == unlocked &&
                 word_.compare_exchange_weak(state, takeAs, std::memory_order_acquire,
                                             std::memory_order_relaxed)) {
                 return;
             }
-            spinPause();
+            for (int i = 0; i < pauses; ++i) spinPause();
         }
         // Mark the word; if that found it free, the lock is ours (marked: others may sleep).
         if (word_.exchange(lockedWithSleepers, std::memory_order_acquire) == unlocked) return;
