@@ -3,8 +3,22 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
 namespace mirels {
+
+PlistValue::PlistValue() : storage_(std::string()) {}
+PlistValue::PlistValue(std::string value) : storage_(std::move(value)) {}
+PlistValue::PlistValue(std::string_view value) : storage_(std::string(value)) {}
+PlistValue::PlistValue(const char* value) : storage_(std::string(value)) {}
+PlistValue::PlistValue(bool value) : storage_(value) {}
+PlistValue::PlistValue(std::int64_t value) : storage_(value) {}
+PlistValue::PlistValue(int value) : storage_(std::int64_t{value}) {}
+PlistValue::PlistValue(double value) : storage_(value) {}
+PlistValue::PlistValue(Data value) : storage_(std::move(value)) {}
+PlistValue::PlistValue(PlistDate value) : storage_(value) {}
+PlistValue::PlistValue(Array value) : storage_(std::move(value)) {}
+PlistValue::PlistValue(Dictionary value) : storage_(std::move(value)) {}
 
 std::string_view plistKindName(PlistValue::Kind kind) noexcept {
     switch (kind) {
