@@ -10,13 +10,14 @@
 #include <variant>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/core/TypeName.h"
 
 namespace mirels {
 
 /// A typed value of an analytics event field. Cases, in this order: string, bool, int, float
 /// (a double), data (a byte buffer), null.
-class AnalyticsValue {
+class MIRELS_EXPORT AnalyticsValue {
   public:
     enum class Case { string, boolean, integer, floating, data, null };
     using Data = std::vector<std::uint8_t>;
@@ -24,11 +25,13 @@ class AnalyticsValue {
 
     AnalyticsValue() noexcept : storage_(std::monostate{}) {}
 
-    static AnalyticsValue string(std::string value) { return AnalyticsValue(std::move(value)); }
-    static AnalyticsValue boolean(bool value) { return AnalyticsValue(value); }
-    static AnalyticsValue integer(std::int64_t value) { return AnalyticsValue(value); }
-    static AnalyticsValue floating(double value) { return AnalyticsValue(value); }
-    static AnalyticsValue data(Data value) { return AnalyticsValue(std::move(value)); }
+    // The factories are defined in the library: each one instantiates the conversion of the
+    // variant, which would otherwise be compiled again in every file that includes this header.
+    static AnalyticsValue string(std::string value);
+    static AnalyticsValue boolean(bool value);
+    static AnalyticsValue integer(std::int64_t value);
+    static AnalyticsValue floating(double value);
+    static AnalyticsValue data(Data value);
     static AnalyticsValue null() noexcept { return AnalyticsValue(); }
 
     /// `string` holding the unqualified name of T.
@@ -37,9 +40,7 @@ class AnalyticsValue {
         return string(unqualifiedTypeName<T>());
     }
     /// `string` holding the unqualified name of a dynamic type.
-    static AnalyticsValue type(const std::type_info& type) {
-        return string(unqualifiedTypeName(type));
-    }
+    static AnalyticsValue type(const std::type_info& type);
     /// The unqualified name of the dynamic type of a present value; nothing for an absent one.
     template <class T>
     static std::optional<AnalyticsValue> typeOf(const T* value) {
