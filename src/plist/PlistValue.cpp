@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <type_traits>
 #include <utility>
 
 namespace mirels {
@@ -19,6 +20,17 @@ PlistValue::PlistValue(Data value) : storage_(std::move(value)) {}
 PlistValue::PlistValue(PlistDate value) : storage_(value) {}
 PlistValue::PlistValue(Array value) : storage_(std::move(value)) {}
 PlistValue::PlistValue(Dictionary value) : storage_(std::move(value)) {}
+
+// Every alternative moves without throwing, so the moves declared noexcept in the header are
+// what the compiler would have made them.
+static_assert(std::is_nothrow_move_constructible_v<PlistValue::Storage> &&
+              std::is_nothrow_move_assignable_v<PlistValue::Storage>);
+
+PlistValue::PlistValue(const PlistValue& other) = default;
+PlistValue::PlistValue(PlistValue&& other) noexcept = default;
+PlistValue& PlistValue::operator=(const PlistValue& other) = default;
+PlistValue& PlistValue::operator=(PlistValue&& other) noexcept = default;
+PlistValue::~PlistValue() = default;
 
 std::string_view plistKindName(PlistValue::Kind kind) noexcept {
     switch (kind) {

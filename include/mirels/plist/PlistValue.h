@@ -51,6 +51,13 @@ class MIRELS_EXPORT PlistValue {
     PlistValue(PlistDate value);         // NOLINT(google-explicit-constructor)
     PlistValue(Array value);             // NOLINT(google-explicit-constructor)
     PlistValue(Dictionary value);        // NOLINT(google-explicit-constructor)
+    // Copying, moving and destroying are likewise defined in the library, as the compiler would
+    // define them (moves that do not throw): inline, they instantiate the nested containers.
+    PlistValue(const PlistValue& other);
+    PlistValue(PlistValue&& other) noexcept;
+    PlistValue& operator=(const PlistValue& other);
+    PlistValue& operator=(PlistValue&& other) noexcept;
+    ~PlistValue();
 
     Kind kind() const noexcept { return static_cast<Kind>(storage_.index()); }
     const Storage& storage() const noexcept { return storage_; }
