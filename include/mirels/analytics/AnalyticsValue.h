@@ -23,10 +23,18 @@ class MIRELS_EXPORT AnalyticsValue {
     using Data = std::vector<std::uint8_t>;
     using Storage = std::variant<std::string, bool, std::int64_t, double, Data, std::monostate>;
 
-    AnalyticsValue() noexcept : storage_(std::monostate{}) {}
+    // Construction, copying, moving and destroying are defined in the library, as the compiler
+    // would define them (moves that do not throw): inline, every includer instantiates the
+    // variant's members.
+    AnalyticsValue() noexcept;
+    AnalyticsValue(const AnalyticsValue& other);
+    AnalyticsValue(AnalyticsValue&& other) noexcept;
+    AnalyticsValue& operator=(const AnalyticsValue& other);
+    AnalyticsValue& operator=(AnalyticsValue&& other) noexcept;
+    ~AnalyticsValue();
 
-    // The factories are defined in the library: each one instantiates the conversion of the
-    // variant, which would otherwise be compiled again in every file that includes this header.
+    // The factories are defined in the library too: each one instantiates a conversion of the
+    // variant.
     static AnalyticsValue string(std::string value);
     static AnalyticsValue boolean(bool value);
     static AnalyticsValue integer(std::int64_t value);
