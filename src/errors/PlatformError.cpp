@@ -1,9 +1,22 @@
 #include "mirels/errors/PlatformError.h"
 
+#include <type_traits>
+
 #include "mirels/errors/HumanReadableConversion.h"
 #include "mirels/errors/HumanReadableError.h"
 
 namespace mirels {
+
+// The user-info map moves without throwing (std::less<> and the default allocator), so the
+// moves declared noexcept in the header are what the compiler would have made them.
+static_assert(std::is_nothrow_move_constructible_v<PlatformError::UserInfo> &&
+              std::is_nothrow_move_assignable_v<PlatformError::UserInfo>);
+
+PlatformError::PlatformError(const PlatformError& other) = default;
+PlatformError::PlatformError(PlatformError&& other) noexcept = default;
+PlatformError& PlatformError::operator=(const PlatformError& other) = default;
+PlatformError& PlatformError::operator=(PlatformError&& other) noexcept = default;
+PlatformError::~PlatformError() = default;
 
 PlatformError::PlatformError(std::string domain, std::int64_t code, UserInfo userInfo)
     : domain_(std::move(domain)), code_(code), userInfo_(std::move(userInfo)) {

@@ -3,8 +3,34 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <type_traits>
+#include <utility>
 
 namespace mirels {
+
+PlistValue::PlistValue() : storage_(std::string()) {}
+PlistValue::PlistValue(std::string value) : storage_(std::move(value)) {}
+PlistValue::PlistValue(std::string_view value) : storage_(std::string(value)) {}
+PlistValue::PlistValue(const char* value) : storage_(std::string(value)) {}
+PlistValue::PlistValue(bool value) : storage_(value) {}
+PlistValue::PlistValue(std::int64_t value) : storage_(value) {}
+PlistValue::PlistValue(int value) : storage_(std::int64_t{value}) {}
+PlistValue::PlistValue(double value) : storage_(value) {}
+PlistValue::PlistValue(Data value) : storage_(std::move(value)) {}
+PlistValue::PlistValue(PlistDate value) : storage_(value) {}
+PlistValue::PlistValue(Array value) : storage_(std::move(value)) {}
+PlistValue::PlistValue(Dictionary value) : storage_(std::move(value)) {}
+
+// Every alternative moves without throwing, so the moves declared noexcept in the header are
+// what the compiler would have made them.
+static_assert(std::is_nothrow_move_constructible_v<PlistValue::Storage> &&
+              std::is_nothrow_move_assignable_v<PlistValue::Storage>);
+
+PlistValue::PlistValue(const PlistValue& other) = default;
+PlistValue::PlistValue(PlistValue&& other) noexcept = default;
+PlistValue& PlistValue::operator=(const PlistValue& other) = default;
+PlistValue& PlistValue::operator=(PlistValue&& other) noexcept = default;
+PlistValue::~PlistValue() = default;
 
 std::string_view plistKindName(PlistValue::Kind kind) noexcept {
     switch (kind) {

@@ -65,6 +65,10 @@ void PropertyList::confidentlyMerge(const PropertyList& other) {
     mergeConfidently(other, Callsite::library("confidentlyMerge(_:)"));
 }
 
+bool operator==(const PropertyList& a, const PropertyList& b) {
+    return a.shared_ == b.shared_ || a.serializableDictionary() == b.serializableDictionary();
+}
+
 std::string PropertyList::description() const {
     // The dump of a dictionary value, without copying the dictionary into one.
     std::string out = "{";
@@ -83,6 +87,13 @@ std::string PropertyList::description() const {
 // MARK: - Reading errors
 
 namespace detail {
+
+PlistValue PlainKind<PlistValue>::box(PlistValue value) {
+    return value;
+}
+std::optional<PlistValue> PlainKind<PlistValue>::cast(const PlistValue& value) {
+    return value;
+}
 
 namespace {
 PropertyList quotedList(const UnarchiveContext& context) {

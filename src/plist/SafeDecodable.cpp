@@ -2,8 +2,21 @@
 
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace mirels {
+
+namespace detail {
+
+void reportFailures(const std::vector<SafeDecodingError>& failures, DiagnosticsCollector& collector,
+                    Issue::Severity severity, Callsite callsite) {
+    for (const SafeDecodingError& failure : failures) {
+        collector.record(
+            Issue(severity, "Skipped a value that could not be decoded", failure, callsite));
+    }
+}
+
+}  // namespace detail
 
 SafeDecodingError::SafeDecodingError(std::string path, Error underlying)
     : path_(std::move(path)), underlying_(std::move(underlying)) {}

@@ -13,6 +13,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "mirels/Export.h"
 #include "mirels/analytics/AnalyticsValue.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/FatalError.h"
@@ -35,7 +36,7 @@ namespace mirels {
 /// or a null C string becomes `null`. An unsigned value beyond the signed 64-bit range stops the
 /// process: that is a programming error in the event's definition. A key given twice keeps the
 /// later value.
-class AnalyticsFieldBuilder {
+class MIRELS_EXPORT AnalyticsFieldBuilder {
   public:
     /// Stands for the type T in an entry; becomes `AnalyticsValue::type<T>()`.
     template <class T>
@@ -46,20 +47,13 @@ class AnalyticsFieldBuilder {
         return {};
     }
 
-    /// Converts each accepted kind of value.
-    static AnalyticsValue makeValue(std::string value, Callsite) {
-        return AnalyticsValue::string(std::move(value));
-    }
-    static AnalyticsValue makeValue(std::string_view value, Callsite) {
-        return AnalyticsValue::string(std::string(value));
-    }
-    static AnalyticsValue makeValue(const char* value, Callsite) {
-        return value == nullptr ? AnalyticsValue::null() : AnalyticsValue::string(value);
-    }
-    static AnalyticsValue makeValue(char* value, Callsite callsite) {
-        return makeValue(static_cast<const char*>(value), callsite);
-    }
-    static AnalyticsValue makeValue(bool value, Callsite) { return AnalyticsValue::boolean(value); }
+    /// Converts each accepted kind of value. The overloads for fixed types are defined in the
+    /// library, so that files including this header do not each compile the variant's copies.
+    static AnalyticsValue makeValue(std::string value, Callsite);
+    static AnalyticsValue makeValue(std::string_view value, Callsite);
+    static AnalyticsValue makeValue(const char* value, Callsite);
+    static AnalyticsValue makeValue(char* value, Callsite callsite);
+    static AnalyticsValue makeValue(bool value, Callsite);
     // Characters and other pointers would otherwise slip in as booleans.
     static AnalyticsValue makeValue(char, Callsite) = delete;
     template <class T>
@@ -87,10 +81,8 @@ class AnalyticsFieldBuilder {
     static AnalyticsValue makeValue(T value, Callsite) {
         return AnalyticsValue::floating(static_cast<double>(value));
     }
-    static AnalyticsValue makeValue(AnalyticsValue::Data value, Callsite) {
-        return AnalyticsValue::data(std::move(value));
-    }
-    static AnalyticsValue makeValue(AnalyticsValue value, Callsite) { return value; }
+    static AnalyticsValue makeValue(AnalyticsValue::Data value, Callsite);
+    static AnalyticsValue makeValue(AnalyticsValue value, Callsite);
     template <class T>
     static AnalyticsValue makeValue(TypeTag<T>, Callsite) {
         return AnalyticsValue::type<T>();
@@ -127,19 +119,15 @@ class AnalyticsFieldBuilder {
     };
 
     /// One `{key, value}` line of a block.
-    struct Entry {
-        Entry(std::string_view key, const Value& value) : key(key), value(value.value()) {}
+    struct MIRELS_EXPORT Entry {
+        Entry(std::string_view key, const Value& value);
 
         std::string key;
         AnalyticsValue value;
     };
 
     /// Gathers the entries into one field map.
-    static AnalyticsFields buildBlock(std::initializer_list<Entry> entries) {
-        AnalyticsFields fields;
-        for (const Entry& entry : entries) fields.insert_or_assign(entry.key, entry.value);
-        return fields;
-    }
+    static AnalyticsFields buildBlock(std::initializer_list<Entry> entries);
 };
 
 }  // namespace mirels

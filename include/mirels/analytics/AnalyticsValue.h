@@ -10,25 +10,36 @@
 #include <variant>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/core/TypeName.h"
 
 namespace mirels {
 
 /// A typed value of an analytics event field. Cases, in this order: string, bool, int, float
 /// (a double), data (a byte buffer), null.
-class AnalyticsValue {
+class MIRELS_EXPORT AnalyticsValue {
   public:
     enum class Case { string, boolean, integer, floating, data, null };
     using Data = std::vector<std::uint8_t>;
     using Storage = std::variant<std::string, bool, std::int64_t, double, Data, std::monostate>;
 
-    AnalyticsValue() noexcept : storage_(std::monostate{}) {}
+    // Construction, copying, moving and destroying are defined in the library, as the compiler
+    // would define them (moves that do not throw): inline, every includer instantiates the
+    // variant's members.
+    AnalyticsValue() noexcept;
+    AnalyticsValue(const AnalyticsValue& other);
+    AnalyticsValue(AnalyticsValue&& other) noexcept;
+    AnalyticsValue& operator=(const AnalyticsValue& other);
+    AnalyticsValue& operator=(AnalyticsValue&& other) noexcept;
+    ~AnalyticsValue();
 
-    static AnalyticsValue string(std::string value) { return AnalyticsValue(std::move(value)); }
-    static AnalyticsValue boolean(bool value) { return AnalyticsValue(value); }
-    static AnalyticsValue integer(std::int64_t value) { return AnalyticsValue(value); }
-    static AnalyticsValue floating(double value) { return AnalyticsValue(value); }
-    static AnalyticsValue data(Data value) { return AnalyticsValue(std::move(value)); }
+    // The factories are defined in the library too: each one instantiates a conversion of the
+    // variant.
+    static AnalyticsValue string(std::string value);
+    static AnalyticsValue boolean(bool value);
+    static AnalyticsValue integer(std::int64_t value);
+    static AnalyticsValue floating(double value);
+    static AnalyticsValue data(Data value);
     static AnalyticsValue null() noexcept { return AnalyticsValue(); }
 
     /// `string` holding the unqualified name of T.
@@ -37,9 +48,7 @@ class AnalyticsValue {
         return string(unqualifiedTypeName<T>());
     }
     /// `string` holding the unqualified name of a dynamic type.
-    static AnalyticsValue type(const std::type_info& type) {
-        return string(unqualifiedTypeName(type));
-    }
+    static AnalyticsValue type(const std::type_info& type);
     /// The unqualified name of the dynamic type of a present value; nothing for an absent one.
     template <class T>
     static std::optional<AnalyticsValue> typeOf(const T* value) {

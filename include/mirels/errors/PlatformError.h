@@ -45,6 +45,13 @@ class MIRELS_EXPORT PlatformError : public std::exception {
     static constexpr std::string_view humanReadableErrorKey = "QKHumanReadableError";
 
     PlatformError(std::string domain, std::int64_t code, UserInfo userInfo = {});
+    // Copying, moving and destroying are defined in the library, as the compiler would define
+    // them: inline, they made every includer instantiate the user-info map of variants.
+    PlatformError(const PlatformError& other);
+    PlatformError(PlatformError&& other) noexcept;
+    PlatformError& operator=(const PlatformError& other);
+    PlatformError& operator=(PlatformError&& other) noexcept;
+    ~PlatformError() override;
 
     const std::string& domain() const noexcept { return domain_; }
     std::int64_t code() const noexcept { return code_; }

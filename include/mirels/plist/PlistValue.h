@@ -25,7 +25,7 @@ struct PlistDate {
 /// A dynamically typed plain property-list value: a text string, a boolean, a signed integer, a
 /// double, a byte buffer, a date, an array of values or a string-keyed dictionary of values.
 /// Boxed and sized number kinds of other platforms collapse into `integer` and `real`.
-class PlistValue {
+class MIRELS_EXPORT PlistValue {
   public:
     using Array = std::vector<PlistValue>;
     using Dictionary = std::map<std::string, PlistValue, std::less<>>;
@@ -37,18 +37,27 @@ class PlistValue {
     using Storage =
         std::variant<std::string, bool, std::int64_t, double, Data, PlistDate, Array, Dictionary>;
 
-    PlistValue() : storage_(std::string()) {}
-    PlistValue(std::string value) : storage_(std::move(value)) {}         // NOLINT
-    PlistValue(std::string_view value) : storage_(std::string(value)) {}  // NOLINT
-    PlistValue(const char* value) : storage_(std::string(value)) {}       // NOLINT
-    PlistValue(bool value) : storage_(value) {}                           // NOLINT
-    PlistValue(std::int64_t value) : storage_(value) {}                   // NOLINT
-    PlistValue(int value) : storage_(std::int64_t{value}) {}              // NOLINT
-    PlistValue(double value) : storage_(value) {}                         // NOLINT
-    PlistValue(Data value) : storage_(std::move(value)) {}                // NOLINT
-    PlistValue(PlistDate value) : storage_(value) {}                      // NOLINT
-    PlistValue(Array value) : storage_(std::move(value)) {}               // NOLINT
-    PlistValue(Dictionary value) : storage_(std::move(value)) {}          // NOLINT
+    // The constructors are defined in the library: each one instantiates the conversion of the
+    // variant, which would otherwise be compiled again in every file that includes this header.
+    PlistValue();
+    PlistValue(std::string value);       // NOLINT(google-explicit-constructor)
+    PlistValue(std::string_view value);  // NOLINT(google-explicit-constructor)
+    PlistValue(const char* value);       // NOLINT(google-explicit-constructor)
+    PlistValue(bool value);              // NOLINT(google-explicit-constructor)
+    PlistValue(std::int64_t value);      // NOLINT(google-explicit-constructor)
+    PlistValue(int value);               // NOLINT(google-explicit-constructor)
+    PlistValue(double value);            // NOLINT(google-explicit-constructor)
+    PlistValue(Data value);              // NOLINT(google-explicit-constructor)
+    PlistValue(PlistDate value);         // NOLINT(google-explicit-constructor)
+    PlistValue(Array value);             // NOLINT(google-explicit-constructor)
+    PlistValue(Dictionary value);        // NOLINT(google-explicit-constructor)
+    // Copying, moving and destroying are likewise defined in the library, as the compiler would
+    // define them (moves that do not throw): inline, they instantiate the nested containers.
+    PlistValue(const PlistValue& other);
+    PlistValue(PlistValue&& other) noexcept;
+    PlistValue& operator=(const PlistValue& other);
+    PlistValue& operator=(PlistValue&& other) noexcept;
+    ~PlistValue();
 
     Kind kind() const noexcept { return static_cast<Kind>(storage_.index()); }
     const Storage& storage() const noexcept { return storage_; }

@@ -214,11 +214,12 @@ struct PlainKind<PlistDate> {
 
 /// The dynamically typed value itself: any stored value reads as one.
 template <>
-struct PlainKind<PlistValue> {
+struct MIRELS_EXPORT PlainKind<PlistValue> {
     static constexpr bool isPlain = true;
     static std::string name() { return "Any"; }
-    static PlistValue box(PlistValue value) { return value; }
-    static std::optional<PlistValue> cast(const PlistValue& value) { return value; }
+    // Defined in the library, so that includers do not each compile the copies of the variant.
+    static PlistValue box(PlistValue value);
+    static std::optional<PlistValue> cast(const PlistValue& value);
 };
 
 template <class P>
@@ -688,9 +689,9 @@ class MIRELS_EXPORT PropertyList {
     /// A stable, readable dump of the dictionary (keys in sorted order).
     std::string description() const;
 
-    friend bool operator==(const PropertyList& a, const PropertyList& b) {
-        return a.shared_ == b.shared_ || a.serializableDictionary() == b.serializableDictionary();
-    }
+    /// Equal when both hold equal dictionaries (defined in the library: comparing the
+    /// dictionaries instantiates the comparison of every kind of value).
+    friend MIRELS_EXPORT bool operator==(const PropertyList& a, const PropertyList& b);
 
   private:
     static const PlistDictionary& emptyDictionary() noexcept;

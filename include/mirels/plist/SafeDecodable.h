@@ -119,14 +119,10 @@ inline std::string keyPath(std::string_view base, std::string_view key) {
     return std::string(base) + "." + std::string(key);
 }
 
-inline void reportFailures(const std::vector<SafeDecodingError>& failures,
-                           DiagnosticsCollector& collector, Issue::Severity severity,
-                           Callsite callsite) {
-    for (const SafeDecodingError& failure : failures) {
-        collector.record(
-            Issue(severity, "Skipped a value that could not be decoded", failure, callsite));
-    }
-}
+/// Records each failure in `collector` as an issue of `severity`.
+MIRELS_EXPORT void reportFailures(const std::vector<SafeDecodingError>& failures,
+                                  DiagnosticsCollector& collector, Issue::Severity severity,
+                                  Callsite callsite);
 
 }  // namespace detail
 

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "mirels/Export.h"
 #include "mirels/collections/OrderedDictionary.h"
 #include "mirels/core/Weak.h"
 #include "mirels/events/EventStream.h"
@@ -159,15 +160,15 @@ class Resolution {
 ///
 /// When two merged tables both hold an entry for one query type, the later table's entry wins
 /// (it replaces the earlier one): a block lists general tables first and overrides after them.
-class QueryResolutions {
+// The merging members are defined in the library: they instantiate the rebuilding of the
+// ordered table, which would otherwise be compiled again in every file including this header.
+class MIRELS_EXPORT QueryResolutions {
   public:
     /// The empty table.
     QueryResolutions() noexcept = default;
 
     /// The tables of a builder block, merged in order (see above for repeated query types).
-    QueryResolutions(std::initializer_list<QueryResolutions> block) {
-        for (const QueryResolutions& table : block) merge(table);
-    }
+    QueryResolutions(std::initializer_list<QueryResolutions> block);
 
     /// The empty table.
     static QueryResolutions empty() noexcept { return {}; }
@@ -186,19 +187,7 @@ class QueryResolutions {
     const QueryResolutions& resolutions() const noexcept { return *this; }
 
     /// Adds the entries of `other`; its entry for a query type already present replaces ours.
-    void merge(const QueryResolutions& other) {
-        if (other.isEmpty()) return;
-        if (isEmpty()) {
-            Dictionary shared(other.storage_.resolutions);  // one reference-count increment
-            storage_.resolutions = std::move(shared);
-            return;
-        }
-        std::vector<std::pair<detail::QueryTypeKey, Resolution>> entries(
-            storage_.resolutions.begin(), storage_.resolutions.end());
-        entries.insert(entries.end(), other.storage_.resolutions.begin(),
-                       other.storage_.resolutions.end());
-        storage_.resolutions = Dictionary(entries, later);
-    }
+    void merge(const QueryResolutions& other);
 
     /// The answer of this table to `query` asked through `manager`: absent when the table has no
     /// entry for the query's type, else what the entry's provider gives.
@@ -312,22 +301,17 @@ QueryResolutions resolutions(const Weak<R>& resolver) {
 /// A resolver that holds another one weakly, for putting a resolver into a manager without the
 /// manager keeping it alive. It answers as the held resolver while that exists, and with the
 /// empty table afterwards.
-class WeakQueryResolver final : public QueryResolver {
+class MIRELS_EXPORT WeakQueryResolver final : public QueryResolver {
   public:
     explicit WeakQueryResolver(Weak<QueryResolver> resolver) noexcept
         : resolver_(std::move(resolver)) {}
 
     [[nodiscard]] static std::shared_ptr<WeakQueryResolver> create(
-        const std::shared_ptr<QueryResolver>& resolver) {
-        return std::make_shared<WeakQueryResolver>(Weak<QueryResolver>(resolver));
-    }
+        const std::shared_ptr<QueryResolver>& resolver);
 
-    QueryResolutions resolutions() const override { return mirels::resolutions(resolver_); }
+    QueryResolutions resolutions() const override;
 
-    std::optional<EventStream<void>> queryResolverPublisher() const override {
-        std::shared_ptr<QueryResolver> resolver = resolver_.value();
-        return resolver ? resolver->queryResolverPublisher() : std::nullopt;
-    }
+    std::optional<EventStream<void>> queryResolverPublisher() const override;
 
     const Weak<QueryResolver>& resolver() const noexcept { return resolver_; }
 
