@@ -4,8 +4,10 @@
 
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include "mirels/futures/Future.h"
+#include "mirels/futures/detail/CommonValueTypes.h"
 
 namespace mirels {
 
@@ -34,5 +36,13 @@ template <class T>
 Future<T> Future<T>::constant(Termination termination, Callsite callsite) {
     return ConstantFuture<T>::create(std::move(termination), callsite);
 }
+
+// Compiled once in the library for the common value types (futures/detail/CommonValueTypes.h).
+#define MIRELS_DETAIL_DECLARE(T)                                   \
+    extern template class MIRELS_EXPORT ConstantFuture<T>;         \
+    extern template class MIRELS_EXPORT ConstantFuture<Result<T>>; \
+    extern template class MIRELS_EXPORT ConstantFuture<std::vector<T>>;
+MIRELS_DETAIL_FOR_EACH_COMMON_FUTURE_VALUE(MIRELS_DETAIL_DECLARE)
+#undef MIRELS_DETAIL_DECLARE
 
 }  // namespace mirels

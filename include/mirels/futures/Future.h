@@ -18,6 +18,7 @@
 #include <string>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "mirels/core/Assertions.h"
 #include "mirels/core/Callsite.h"
@@ -29,6 +30,7 @@
 #include "mirels/errors/Unreachable.h"
 #include "mirels/execution/ExecutionLane.h"
 #include "mirels/futures/FutureTermination.h"
+#include "mirels/futures/detail/CommonValueTypes.h"
 #include "mirels/futures/detail/FutureCallsites.h"
 #include "mirels/futures/detail/FutureCore.h"
 
@@ -273,9 +275,12 @@ class [[nodiscard]] Future {
     explicit Future(std::shared_ptr<AbstractFuture<T>> object) noexcept
         : object_(std::move(object)) {}
 
-    /// Makes a promise-backed future and calls `callback` with its promise at once.
+    /// Makes a promise-backed future and calls `callback` with its promise at once. (The first
+    /// condition keeps copies and moves from asking about `Promise<T>`, which may still be
+    /// incomplete where a future is first copied.)
     template <class F>
-        requires std::is_invocable_v<F&&, Promise<T>>
+        requires(!std::is_same_v<std::remove_cvref_t<F>, Future>) &&
+                std::is_invocable_v<F&&, Promise<T>>
     explicit Future(F&& callback, Callsite callsite = Callsite::current())
         : Future(create(std::forward<F>(callback), callsite)) {}
 
@@ -807,6 +812,19 @@ struct std::hash<mirels::Future<T>> {
         return std::hash<const void*>{}(future.object().get());
     }
 };
+
+// Compiled once in the library for the common value types (futures/detail/CommonValueTypes.h).
+namespace mirels {
+#define MIRELS_DETAIL_DECLARE(T)                                        \
+    extern template class MIRELS_EXPORT AbstractFuture<Result<T>>;      \
+    extern template class MIRELS_EXPORT Future<Result<T>>;              \
+    extern template class MIRELS_EXPORT AbstractFuture<std::vector<T>>; \
+    extern template class MIRELS_EXPORT Future<std::vector<T>>;         \
+    extern template class MIRELS_EXPORT AbstractFuture<T>;              \
+    extern template class MIRELS_EXPORT Future<T>;
+MIRELS_DETAIL_FOR_EACH_COMMON_FUTURE_VALUE(MIRELS_DETAIL_DECLARE)
+#undef MIRELS_DETAIL_DECLARE
+}  // namespace mirels
 
 // The definitions of the templates above, the kinds of futures, and the definitions that need
 // them.

@@ -15,6 +15,7 @@
 #include "mirels/execution/ExecutionLane.h"
 #include "mirels/futures/Future.h"
 #include "mirels/futures/PromiseFuture.h"
+#include "mirels/futures/detail/CommonValueTypes.h"
 
 namespace mirels {
 
@@ -210,5 +211,10 @@ class FutureSerialQueue final : public std::enable_shared_from_this<FutureSerial
     ThreadSafe<State> state_;
     const ExecutionLane dequeueLane_;
 };
+
+// Compiled once in the library for the common value types (futures/detail/CommonValueTypes.h).
+#define MIRELS_DETAIL_DECLARE(T) extern template class MIRELS_EXPORT FutureSerialQueue<T>;
+MIRELS_DETAIL_FOR_EACH_COMMON_FUTURE_VALUE(MIRELS_DETAIL_DECLARE)
+#undef MIRELS_DETAIL_DECLARE
 
 }  // namespace mirels

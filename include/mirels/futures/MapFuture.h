@@ -9,6 +9,7 @@
 
 #include "mirels/futures/ConstantFuture.h"
 #include "mirels/futures/Future.h"
+#include "mirels/futures/detail/CommonValueTypes.h"
 
 namespace mirels {
 
@@ -136,5 +137,10 @@ class MapFuture final : public AbstractFuture<Output> {
     Future<Input> underlying_;
     InputNode inputNode_;
 };
+
+// Compiled once in the library for the common value types (futures/detail/CommonValueTypes.h).
+#define MIRELS_DETAIL_DECLARE(T) extern template class MIRELS_EXPORT MapFuture<T, T>;
+MIRELS_DETAIL_FOR_EACH_COMMON_FUTURE_VALUE(MIRELS_DETAIL_DECLARE)
+#undef MIRELS_DETAIL_DECLARE
 
 }  // namespace mirels

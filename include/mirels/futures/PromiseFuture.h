@@ -14,6 +14,7 @@
 #include "mirels/errors/HumanReadableError.h"
 #include "mirels/execution/DispatchQueue.h"
 #include "mirels/futures/Future.h"
+#include "mirels/futures/detail/CommonValueTypes.h"
 
 namespace mirels {
 
@@ -246,5 +247,12 @@ FutureAndPromise<T> Future<T>::create(Callsite callsite) {
     Future<T> future(object);
     return {std::move(future), Promise<T>(std::move(object))};
 }
+
+// Compiled once in the library for the common value types (futures/detail/CommonValueTypes.h).
+#define MIRELS_DETAIL_DECLARE(T)                          \
+    extern template class MIRELS_EXPORT PromiseFuture<T>; \
+    extern template class MIRELS_EXPORT Promise<T>;
+MIRELS_DETAIL_FOR_EACH_COMMON_FUTURE_VALUE(MIRELS_DETAIL_DECLARE)
+#undef MIRELS_DETAIL_DECLARE
 
 }  // namespace mirels

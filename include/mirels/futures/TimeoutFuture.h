@@ -13,6 +13,7 @@
 #include "mirels/futures/ConstantFuture.h"
 #include "mirels/futures/Future.h"
 #include "mirels/futures/TimeoutError.h"
+#include "mirels/futures/detail/CommonValueTypes.h"
 
 namespace mirels {
 
@@ -162,5 +163,10 @@ class TimeoutFuture final : public AbstractFuture<Result<T>> {
     const double interval_;
     TimeoutErrorMaker makeTimeoutError_;
 };
+
+// Compiled once in the library for the common value types (futures/detail/CommonValueTypes.h).
+#define MIRELS_DETAIL_DECLARE(T) extern template class MIRELS_EXPORT TimeoutFuture<T>;
+MIRELS_DETAIL_FOR_EACH_COMMON_FUTURE_VALUE(MIRELS_DETAIL_DECLARE)
+#undef MIRELS_DETAIL_DECLARE
 
 }  // namespace mirels

@@ -15,6 +15,7 @@
 #include "mirels/futures/ConstantFuture.h"
 #include "mirels/futures/Future.h"
 #include "mirels/futures/ResultTraversal.h"
+#include "mirels/futures/detail/CommonValueTypes.h"
 
 namespace mirels {
 
@@ -160,5 +161,10 @@ template <std::ranges::input_range R, class F>
 auto traverse(R&& elements, F&& transform, Callsite callsite = Callsite::current()) {
     return traverse(std::forward<R>(elements), false, std::forward<F>(transform), callsite);
 }
+
+// Compiled once in the library for the common value types (futures/detail/CommonValueTypes.h).
+#define MIRELS_DETAIL_DECLARE(T) extern template class MIRELS_EXPORT TraverseFuture<T>;
+MIRELS_DETAIL_FOR_EACH_COMMON_FUTURE_VALUE(MIRELS_DETAIL_DECLARE)
+#undef MIRELS_DETAIL_DECLARE
 
 }  // namespace mirels

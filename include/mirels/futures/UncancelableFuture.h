@@ -6,6 +6,7 @@
 
 #include "mirels/futures/ConstantFuture.h"
 #include "mirels/futures/Future.h"
+#include "mirels/futures/detail/CommonValueTypes.h"
 
 namespace mirels {
 
@@ -38,5 +39,10 @@ template <class T>
 Future<T> Future<T>::uncancelable(Callsite callsite) const {
     return UncancelableFuture<T>::create(*this, callsite);
 }
+
+// Compiled once in the library for the common value types (futures/detail/CommonValueTypes.h).
+#define MIRELS_DETAIL_DECLARE(T) extern template class MIRELS_EXPORT UncancelableFuture<T>;
+MIRELS_DETAIL_FOR_EACH_COMMON_FUTURE_VALUE(MIRELS_DETAIL_DECLARE)
+#undef MIRELS_DETAIL_DECLARE
 
 }  // namespace mirels
