@@ -2,8 +2,9 @@
 // write:
 // - Dispatch/*: scheduling an action an hour ahead on a DispatchScheduler and cancelling it,
 //   against arming and cancelling the OneShotTimer it is built on.
-// - Step/*: 100,000 actions at random deadlines on a StepScheduler, then one advance through
-//   all of them (per action), against a std::priority_queue of std::function.
+// - Step/*: n actions at random deadlines on a StepScheduler, then one advance through all of
+//   them (per action), against a std::priority_queue of std::function; n is 10,000, 100,000 and
+//   1,000,000, so the time per action shows the O(log n) growth.
 // - Debounce/*: asking a pending debounced DelayedInvocation again (1,000,000 times), against
 //   the naive debounce that cancels its OneShotTimer and arms a new one on every request.
 // - OnDemand/*: reading a value that exists already, against a std::call_once-guarded read.
@@ -63,19 +64,17 @@ BENCHMARK(Dispatch_OneShotTimerArmCancel);
 
 // --- step scheduler -----------------------------------------------------------------------------
 
-constexpr int stepActions = 100'000;
-
-std::vector<std::uint64_t> randomDeadlines() {
+std::vector<std::uint64_t> randomDeadlines(std::int64_t count) {
     std::mt19937_64 random(7);
-    std::vector<std::uint64_t> deadlines(stepActions);
+    std::vector<std::uint64_t> deadlines(static_cast<std::size_t>(count));
     for (auto& deadline : deadlines) deadline = random() % 1'000'000'000;
     return deadlines;
 }
 
 void Step_SchedulerScheduleThenAdvance(benchmark::State& state) {
-    const std::vector<std::uint64_t> deadlines = randomDeadlines();
+    const std::vector<std::uint64_t> deadlines = randomDeadlines(state.range(0));
     std::vector<std::shared_ptr<CancellationToken>> tokens;
-    tokens.reserve(stepActions);
+    tokens.reserve(deadlines.size());
     std::uint64_t sum = 0;
     for (auto _ : state) {
         auto scheduler = StepScheduler::create();
@@ -90,12 +89,16 @@ void Step_SchedulerScheduleThenAdvance(benchmark::State& state) {
         state.ResumeTiming();
     }
     benchmark::DoNotOptimize(sum);
-    state.SetItemsProcessed(state.iterations() * stepActions);
+    state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(Step_SchedulerScheduleThenAdvance)->Unit(benchmark::kMillisecond);
+BENCHMARK(Step_SchedulerScheduleThenAdvance)
+    ->Unit(benchmark::kMillisecond)
+    ->Arg(10'000)
+    ->Arg(100'000)
+    ->Arg(1'000'000);
 
 void Step_PriorityQueueScheduleThenRun(benchmark::State& state) {
-    const std::vector<std::uint64_t> deadlines = randomDeadlines();
+    const std::vector<std::uint64_t> deadlines = randomDeadlines(state.range(0));
     struct Item {
         std::uint64_t deadline;
         std::uint64_t sequence;
@@ -119,9 +122,13 @@ void Step_PriorityQueueScheduleThenRun(benchmark::State& state) {
         }
     }
     benchmark::DoNotOptimize(sum);
-    state.SetItemsProcessed(state.iterations() * stepActions);
+    state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(Step_PriorityQueueScheduleThenRun)->Unit(benchmark::kMillisecond);
+BENCHMARK(Step_PriorityQueueScheduleThenRun)
+    ->Unit(benchmark::kMillisecond)
+    ->Arg(10'000)
+    ->Arg(100'000)
+    ->Arg(1'000'000);
 
 // --- debounce -----------------------------------------------------------------------------------
 

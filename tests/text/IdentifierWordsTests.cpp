@@ -53,7 +53,9 @@ TEST(IdentifierWords, SplitsByTheDocumentedRules) {
           "Wert"}},
     };
     for (const Row& row : table) {
-        EXPECT_EQ(identifierWords(row.identifier), row.words) << row.identifier;
+        const std::vector<std::string_view> words = identifierWords(row.identifier);
+        EXPECT_EQ(words, row.words) << row.identifier;
+        EXPECT_EQ(words.capacity(), words.size()) << row.identifier;  // one allocation, exact
     }
 }
 

@@ -89,9 +89,13 @@ void forEachIdentifierWord(std::string_view identifier, Visit&& visit) {
     if (inWord) visit(identifier.substr(start));
 }
 
-/// The words of `identifier`, as views into it.
+/// The words of `identifier`, as views into it. Counts them first, so the vector is allocated
+/// once, at its final size (not at all when there are none).
 [[nodiscard]] inline std::vector<std::string_view> identifierWords(std::string_view identifier) {
+    std::size_t count = 0;
+    forEachIdentifierWord(identifier, [&](std::string_view) { ++count; });
     std::vector<std::string_view> words;
+    words.reserve(count);
     forEachIdentifierWord(identifier, [&](std::string_view word) { words.push_back(word); });
     return words;
 }
