@@ -106,6 +106,43 @@ TEST(EventStreamStress, EachSubscriberGetsExactlyTheSendsOfItsWindow) {
     }
 }
 
+// The sink goes away (its last holder may be either of two threads) while two other threads
+// cancel their subscriptions: every cancel is safe whether it comes before, during or after
+// the sink's end, and every handler is released exactly once.
+TEST(EventStreamStress, CancelsRaceTheSinksDestruction) {
+    SoftAssertionRecorder reports;
+    auto capture = std::make_shared<int>(0);
+    for (int round = 0; round < 200; ++round) {
+        auto sink = EventStream<int>::Sink::create();
+        std::array<std::vector<std::shared_ptr<CancellationToken>>, 2> tokens;
+        for (int i = 0; i < 16; ++i) {
+            tokens[static_cast<std::size_t>(i % 2)].push_back(sink->observe([capture](int) {}));
+        }
+        std::atomic<int> ready{0};
+        auto startTogether = [&ready] {
+            ready.fetch_add(1);
+            while (ready.load() < 4) std::this_thread::yield();
+        };
+        std::vector<std::thread> threads;
+        for (auto& mine : tokens) {
+            threads.emplace_back([&startTogether, &mine] {
+                startTogether();
+                for (const auto& token : mine) token->cancel();
+            });
+        }
+        threads.emplace_back([&startTogether, held = sink]() mutable {
+            startTogether();
+            held->send(1);
+            held.reset();
+        });
+        startTogether();
+        sink.reset();
+        for (auto& thread : threads) thread.join();
+        ASSERT_EQ(capture.use_count(), 1) << "round " << round;
+    }
+    EXPECT_EQ(reports.count(), 0u);
+}
+
 TEST(EventStreamStress, SwitchToLatestCancelsEveryInnerSubscriptionOnceUnderRaces) {
     SoftAssertionRecorder reports;
     for (int round = 0; round < 100; ++round) {

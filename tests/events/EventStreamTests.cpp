@@ -202,6 +202,36 @@ TEST(EventStream, ARemovedHandlerIsDestroyedOutsideTheSinksLock) {
     EXPECT_TRUE(ran);
 }
 
+// A handler released by the sink's end may cancel its own token and use another sink from its
+// destructor: the sink lets go of handlers only after it has cut every subscription off.
+/// Runs an action when destroyed; made in place, so only the shared copy runs it.
+struct SinkEndProbe {
+    explicit SinkEndProbe(std::function<void()> action) : action(std::move(action)) {}
+    SinkEndProbe(const SinkEndProbe&) = delete;
+    SinkEndProbe& operator=(const SinkEndProbe&) = delete;
+    ~SinkEndProbe() { action(); }
+    std::function<void()> action;
+};
+
+TEST(EventStream, HandlersReleasedByTheSinksEndMayCancelTheirTokens) {
+    SoftAssertionRecorder reports;
+    auto other = IntSink::create();
+    std::shared_ptr<CancellationToken> token;
+    bool ran = false;
+    {
+        auto sink = IntSink::create();
+        auto guard = std::make_shared<SinkEndProbe>([&] {
+            token->cancel();
+            other->observe([](int) {})->cancel();
+            ran = true;
+        });
+        token = sink->observe([guard](int) {});
+    }
+    EXPECT_TRUE(ran);
+    EXPECT_TRUE(token->isCancelled());
+    EXPECT_EQ(reports.count(), 0u);
+}
+
 // Cancels from every position of the table, from inside a send that still holds the older
 // table, and twice: the remaining subscribers keep their order, the held snapshot is untouched,
 // and a second cancel removes nothing more.

@@ -10,6 +10,8 @@
 //             .observe([](std::size_t length) { std::printf("%zu\n", length); });
 //     titles->send("Notes");  // prints 5; token->cancel() ends the observation
 
+#include <sched.h>
+
 #include <atomic>
 #include <concepts>
 #include <cstddef>
@@ -115,9 +117,10 @@ class EventStream : public EventStreamOperators<EventStream<E>, E> {
 /// a send that starts after its cancel returned. Sends from several threads may interleave;
 /// each delivers to its own snapshot in order.
 ///
-/// The sink lives while its producer or a stream made from it holds it. Subscription tokens
-/// hold only the sink's storage box (so that cancelling needs no weak-reference promotion), and
-/// the sink empties that box when it goes away: dropping the producer and the streams destroys
+/// The sink lives while its producer or a stream made from it holds it; subscriptions do not
+/// keep it. The storage box is part of the sink, and each subscription reaches it through a
+/// plain pointer that the sink clears when it goes away (so cancelling needs neither a counted
+/// reference nor a weak-reference promotion): dropping the producer and the streams destroys
 /// the sink and releases every handler even while subscribed, and a late cancel does nothing.
 template <class E>
 class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
@@ -132,20 +135,23 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
 
     [[nodiscard]] static std::shared_ptr<Sink> create() { return std::make_shared<Sink>(Key{}); }
 
-    explicit Sink(Key) : storage_(std::make_shared<ThreadSafe<Subscribers>>()) {}
+    explicit Sink(Key) {}
     Sink(const Sink&) = delete;
     Sink& operator=(const Sink&) = delete;
 
     ~Sink() {
-        // Handlers are destroyed after the lock is released (their captures may use the box).
-        Subscribers remaining = storage_->syncUpdate(Subscribers(), Callsite::library("deinit"));
+        Subscribers remaining = storage_.syncUpdate(Subscribers(), Callsite::library("deinit"));
+        // Cut every remaining subscription off the box before it goes; a cancel already on its
+        // way finishes with the box first. Handlers are destroyed after the lock is released
+        // (their captures may use the sink).
+        for (const Listed& listed : remaining.all()) listed.subscription()->detach();
     }
 
     /// Delivers `event` to every current subscriber.
     void send(const detail::EventParameter<E>& event)
         requires(!std::is_void_v<E>)
     {
-        Subscribers snapshot = storage_->peek(Callsite::library("send(_:)"));
+        Subscribers snapshot = storage_.peek(Callsite::library("send(_:)"));
         for (const Listed& listed : snapshot.all()) listed(event);
     }
 
@@ -153,13 +159,13 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
     void send()
         requires std::is_void_v<E>
     {
-        Subscribers snapshot = storage_->peek(Callsite::library("send()"));
+        Subscribers snapshot = storage_.peek(Callsite::library("send()"));
         for (const Listed& listed : snapshot.all()) listed();
     }
 
     /// Whether at least one subscriber is registered.
     bool isObserved() const {
-        return storage_->syncRead(
+        return storage_.syncRead(
             [](const Subscribers& subscribers) { return !subscribers.isEmpty(); });
     }
 
@@ -170,11 +176,11 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
     /// as long as it needs it, and the handler is released as soon as no table lists it.
     [[nodiscard]] std::shared_ptr<CancellationToken> observe(
         Handler handler, Callsite callsite = Callsite::current()) {
-        auto box = std::make_shared<CancellationTokenWithPayload<Subscription>>(callsite, storage_,
+        auto box = std::make_shared<CancellationTokenWithPayload<Subscription>>(callsite, &storage_,
                                                                                 std::move(handler));
         Subscription& subscription = box->payload;
         subscription.keepWhileListed = box;
-        storage_->syncWrite(
+        storage_.syncWrite(
             [&](Subscribers& subscribers) { subscribers.insert(Listed(&subscription)); },
             Callsite::library("observe(_:)"));
         CancellationToken* token = &box->token;
@@ -218,7 +224,7 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
             subscription_->handler()(std::forward<Args>(args)...);
         }
 
-        const Subscription* subscription() const noexcept { return subscription_; }
+        Subscription* subscription() const noexcept { return subscription_; }
 
       private:
         Subscription* subscription_ = nullptr;
@@ -261,13 +267,20 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
         detail::CopyOnWrite<std::vector<Listed>> rows_;
     };
 
+    using Storage = ThreadSafe<Subscribers>;
+
     /// One subscription, made together with its token: the handler, the identifier it is listed
-    /// under, and the storage box to remove it from when the token is cancelled. The handler
-    /// lives while some table lists it; the object lives while its token or a listing does.
+    /// under, and the sink's storage box to remove it from when the token is cancelled. The
+    /// handler lives while some table lists it; the object lives while its token or a listing
+    /// does.
+    ///
+    /// The box is reached through `storage_`, which holds the box while the sink lives, the
+    /// cancelling mark while a cancel works on the box, and null once the sink has cut the
+    /// subscription off or a cancel is done with it. The sink waits for a marked cancel to
+    /// finish before it lets the box go, so a cancel never touches a destroyed box.
     class Subscription {
       public:
-        Subscription(std::shared_ptr<ThreadSafe<Subscribers>> storage, Handler handler)
-            : storage_(std::move(storage)) {
+        Subscription(Storage* storage, Handler handler) : storage_(storage) {
             ::new (static_cast<void*>(handler_)) Handler(std::move(handler));
         }
         Subscription(const Subscription&) = delete;
@@ -279,9 +292,34 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
         /// The token's cancel: removes the listing; the handler goes (outside the lock) when the
         /// last snapshot that lists it does. Nothing happens once the sink has gone.
         void didCancel() {
-            std::optional<Listed> removed = storage_->syncWrite(
-                [&](Subscribers& subscribers) { return subscribers.remove(this); },
-                Callsite::library("cancel()"));
+            void* const seen = storage_.exchange(cancellingMark(), std::memory_order_acquire);
+            // Another cancel of this token is at work (a misuse the token reports): it finishes.
+            if (seen == cancellingMark()) return;
+            if (seen != nullptr) {
+                std::optional<Listed> removed = static_cast<Storage*>(seen)->syncWrite(
+                    [&](Subscribers& subscribers) { return subscribers.remove(this); },
+                    Callsite::library("cancel()"));
+                // The box is not touched after this store: the sink may destroy it at once.
+                storage_.store(nullptr, std::memory_order_release);
+                return;  // `removed` releases the listing here, outside the lock
+            }
+            storage_.store(nullptr, std::memory_order_release);
+        }
+
+        /// The sink's farewell (from its destructor, not under its lock): clears the pointer to
+        /// the box, first waiting out a cancel that is working on it.
+        void detach() noexcept {
+            void* seen = storage_.load(std::memory_order_acquire);
+            while (seen != nullptr) {
+                if (seen == cancellingMark()) {
+                    // A cancel holds the box for a moment: a lock, a removal, an unlock.
+                    sched_yield();
+                    seen = storage_.load(std::memory_order_acquire);
+                } else if (storage_.compare_exchange_weak(seen, nullptr, std::memory_order_acq_rel,
+                                                          std::memory_order_acquire)) {
+                    return;
+                }
+            }
         }
 
         /// Drops one listing; the last one destroys the handler and lets go of the object.
@@ -303,11 +341,17 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
         std::shared_ptr<void> keepWhileListed;
 
       private:
-        std::shared_ptr<ThreadSafe<Subscribers>> storage_;
+        /// A value of `storage_` that is never a box: a cancel is working on the box.
+        static void* cancellingMark() noexcept {
+            static char mark;
+            return &mark;
+        }
+
+        std::atomic<void*> storage_;
         alignas(Handler) std::byte handler_[sizeof(Handler)];
     };
 
-    std::shared_ptr<ThreadSafe<Subscribers>> storage_;
+    Storage storage_;
 };
 
 }  // namespace mirels
