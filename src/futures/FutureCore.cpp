@@ -22,11 +22,6 @@ MonotonicTimestamp futureClockNow() noexcept {
             static_cast<std::uint64_t>(now.tv_nsec)};
 }
 
-FutureObserverNode* nodeOf(std::uintptr_t state, std::uintptr_t flagBits) noexcept {
-    // NOLINTNEXTLINE(performance-no-int-to-ptr): the word holds a node's address
-    return reinterpret_cast<FutureObserverNode*>(state & ~flagBits);
-}
-
 /// Wakes a thread blocked in `waitUntilFinished`. Shared with the waiter: the finishing thread
 /// may still hold the node after the waiter has returned.
 struct WaiterState {
@@ -68,7 +63,7 @@ FutureCore::~FutureCore() {
     const std::uintptr_t state = state_.load(std::memory_order_acquire);
     if (state == finishedState) return;
     // Never finished: the observers are let go without a call.
-    FutureObserverNode* node = nodeOf(state, flagBits);
+    FutureObserverNode* node = nodeOf(state);
     while (node != nullptr) {
         FutureObserverNode* next = node->next_;
         node->release();
@@ -76,41 +71,19 @@ FutureCore::~FutureCore() {
     }
 }
 
-void* FutureCore::takeInlineNodeStorage() noexcept {
-    std::uintptr_t state = state_.load(std::memory_order_relaxed);
-    // The finished value has the bit set too, so a finish ends the loop.
-    while ((state & inlineNodeTaken) == 0) {
-        if (state_.compare_exchange_weak(state, state | inlineNodeTaken, std::memory_order_relaxed,
-                                         std::memory_order_relaxed)) {
-            return static_cast<void*>(inlineNode_);
-        }
-    }
-    return nullptr;
-}
-
-bool FutureCore::push(FutureObserverNode& node) noexcept {
-    std::uintptr_t state = state_.load(std::memory_order_acquire);
-    for (;;) {
-        if (state == finishedState) return false;
-        node.next_ = nodeOf(state, flagBits);
-        if (state_.compare_exchange_weak(
-                state, (state & flagBits) | reinterpret_cast<std::uintptr_t>(&node),
-                std::memory_order_release, std::memory_order_acquire)) {
-            return true;
-        }
-    }
-}
-
-bool FutureCore::claimFinish() noexcept {
-    return (state_.fetch_or(finishing, std::memory_order_acquire) & finishing) == 0;
-}
-
 void FutureCore::publishFinish(const void* termination) noexcept {
     finishTime_ = futureClockNow();
     const std::uintptr_t state = state_.exchange(finishedState, std::memory_order_acq_rel);
+    FutureObserverNode* node = nodeOf(state);
+    if (node != nullptr && node->next_ == nullptr) {
+        // One observer, the common case.
+        node->finished(termination);
+        node->release();
+        return;
+    }
     // The list was pushed newest first: turn it round to call in registration order.
-    FutureObserverNode* node = nullptr;
-    for (FutureObserverNode* pushed = nodeOf(state, flagBits); pushed != nullptr;) {
+    node = nullptr;
+    for (FutureObserverNode* pushed = nodeOf(state); pushed != nullptr;) {
         FutureObserverNode* next = pushed->next_;
         pushed->next_ = node;
         node = pushed;

@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include "execution/Waiting.h"
+#include "mirels/execution/DispatchQueue.h"
 #include "mirels/futures/FutureSerialQueue.h"
 
 namespace mirels {
@@ -80,6 +82,38 @@ TEST(FutureSerialQueue, ManyOperationsFinishingAtOnceDoNotRecurse) {
     gatePromise.succeed(-1);
     EXPECT_EQ(ran, count);
     EXPECT_EQ(last.succeededValue(), count - 1);
+}
+
+// A cancel that reaches an operation after it has left the queue but before its start step has
+// run on the queue's lane: the work is still made, then canceled, and the queue moves on only
+// once that work has finished.
+TEST(FutureSerialQueue, ACancelBeforeTheStartStepReachesTheWorkOnceItIsMade) {
+    auto dispatch =
+        DispatchQueue::create("org.mirels.tests.serial-start", QualityOfService::standard);
+    auto queue = FutureSerialQueue<int>::create(ExecutionLane::queue(dispatch));
+    std::promise<void> gate;
+    dispatch->async([opened = gate.get_future().share()] { opened.wait(); });
+
+    auto [work, workPromise] = Future<int>::create();
+    std::atomic<int> made{0};
+    auto first = queue->enqueue([&made, work = work] {
+        made.fetch_add(1);
+        return work;
+    });
+    auto second = queue->enqueue([&made] {
+        made.fetch_add(10);
+        return Future<int>::succeeded(2);
+    });
+    first.cancel();
+    EXPECT_TRUE(first.isCanceled());
+    EXPECT_EQ(made.load(), 0);
+
+    gate.set_value();
+    EXPECT_EQ(second.unpleasantWait().succeededValue(), 2);
+    EXPECT_EQ(made.load(), 11);
+    ASSERT_TRUE(work.isCanceled());
+    EXPECT_STREQ(work.terminationIfFinished()->canceledCallsite()->function(),
+                 "cancelOperation(with:)");
 }
 
 // Several threads feed one queue: operations run one at a time, each thread's in its order.

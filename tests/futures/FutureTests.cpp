@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -213,6 +214,40 @@ TEST(Future, ARunningFutureDroppedByEveryoneGoesAwayWithItsObservers) {
     manual->finish(FutureTermination<int>::succeeded(1));
     manual.reset();
     EXPECT_TRUE(weakManual.expired());
+}
+
+// Observers without a lane are kept as they are: in the inline slot when they fit, on the heap
+// when they do not. Where a node lives must not change the order, the cases called, or what a
+// future that goes away running lets go of.
+TEST(Future, InlineAndHeapObserversKeepOrderCasesAndRelease) {
+    struct Large {
+        std::array<char, 512> bytes{};
+    };
+    auto captured = std::make_shared<int>(0);
+    std::vector<std::string> calls;
+    {
+        auto [future, promise] = Future<int>::create();
+        future.observeSuccess([&calls, large = Large{}](int) {
+            calls.push_back(large.bytes.size() == 512 ? "large" : "?");
+        });
+        future.observeSuccess([&calls](int v) { calls.push_back("small " + std::to_string(v)); });
+        future.observeFailure([&calls](const Error&) { calls.push_back("failure"); });
+        future.observeFinish([&calls, captured](const FutureTermination<int>& termination) {
+            calls.push_back(termination.description());
+        });
+        EXPECT_EQ(captured.use_count(), 2);
+        promise.succeed(5);
+        EXPECT_EQ(captured.use_count(), 1);  // let go once called
+    }
+    EXPECT_EQ(calls, (std::vector<std::string>{"large", "small 5", "succeeded<int>"}));
+
+    {
+        auto [future, promise] = Future<int>::create();
+        future.observeCancelation([captured, large = Large{}](Callsite) { (void)large; });
+        future.observeCancelation([captured](Callsite) {});
+        EXPECT_EQ(captured.use_count(), 3);
+    }
+    EXPECT_EQ(captured.use_count(), 1);  // never called, still released
 }
 
 TEST(Future, AnObserverMayDropThePromiseThatFinishesIt) {

@@ -23,7 +23,10 @@ namespace mirels {
 /// transform. Canceling this future cancels whichever future it waits for (the first, or the
 /// second once it exists) and then finishes it canceled: the upstream future's observers run
 /// before this one's.
-template <class Input, class Output>
+///
+/// `Transform` is the transform's own type when a combinator makes the flat-map, so calling it
+/// is a direct call; a `UniqueFunction` by default.
+template <class Input, class Output, class Transform>
 class FlatMapFuture final : public AbstractFuture<Output> {
     struct Key {
         explicit Key() = default;
@@ -42,10 +45,9 @@ class FlatMapFuture final : public AbstractFuture<Output> {
     enum class Phase : std::uint8_t { first, second, finished };
 
   public:
-    using Transform = UniqueFunction<Future<Output>(const Result<Input>&)>;
-
     FlatMapFuture(Key, RunningFirst waiting, ExecutionLane transformSuccessLane,
-                  ExecutionLane transformFailureLane, Transform transform, Callsite callsite)
+                  ExecutionLane transformFailureLane, std::optional<Transform> transform,
+                  Callsite callsite)
         : AbstractFuture<Output>(callsite),
           transform_(std::move(transform)),
           transformSuccessLane_(std::move(transformSuccessLane)),
@@ -53,7 +55,8 @@ class FlatMapFuture final : public AbstractFuture<Output> {
           first_(std::move(waiting.first)) {}
 
     FlatMapFuture(Key, RunningSecond waiting, ExecutionLane transformSuccessLane,
-                  ExecutionLane transformFailureLane, Transform transform, Callsite callsite)
+                  ExecutionLane transformFailureLane, std::optional<Transform> transform,
+                  Callsite callsite)
         : AbstractFuture<Output>(callsite),
           transform_(std::move(transform)),
           transformSuccessLane_(std::move(transformSuccessLane)),
@@ -74,14 +77,13 @@ class FlatMapFuture final : public AbstractFuture<Output> {
             const Result<Input>& result = *termination->resultIfCompleted();
             if ((result.isSuccess() ? transformSuccessLane : transformFailureLane).isCurrent()) {
                 Future<Output> second = transform(result);
-                transform = nullptr;
                 if (const FutureTermination<Output>* secondTermination =
                         second.terminationIfFinished()) {
                     return ConstantFuture<Output>::create(*secondTermination, callsite);
                 }
                 auto self = std::make_shared<FlatMapFuture>(
                     Key{}, RunningSecond{second}, std::move(transformSuccessLane),
-                    std::move(transformFailureLane), nullptr, callsite);
+                    std::move(transformFailureLane), std::nullopt, callsite);
                 observeSecond(self, second);
                 return Future<Output>(std::move(self));
             }
@@ -146,7 +148,7 @@ class FlatMapFuture final : public AbstractFuture<Output> {
     void firstFinished(const FutureTermination<Input>& termination) {
         const std::shared_ptr<FlatMapFuture>& self = firstNode_.stage;
         if (auto canceled = termination.canceledCallsite()) {
-            transform_ = nullptr;
+            transform_.reset();
             if (leave(Phase::first)) {
                 first_.reset();
                 this->didFinish(FutureTermination<Output>::canceled(*canceled));
@@ -164,11 +166,13 @@ class FlatMapFuture final : public AbstractFuture<Output> {
     }
 
     void firstCompleted(const std::shared_ptr<FlatMapFuture>& self, const Result<Input>& result) {
-        Transform transform = std::move(transform_);
         // A cancel that came while the transform waited for its lane: it does not run.
-        if (phase_.load(std::memory_order_acquire) != Phase::first) return;
-        Future<Output> second = transform(result);
-        transform = nullptr;
+        if (phase_.load(std::memory_order_acquire) != Phase::first) {
+            transform_.reset();
+            return;
+        }
+        Future<Output> second = (*transform_)(result);
+        transform_.reset();
         if (const FutureTermination<Output>* secondTermination = second.terminationIfFinished()) {
             // Nothing left to wait for: finish now, unless a cancel came meanwhile.
             if (leave(Phase::first)) {
@@ -206,7 +210,7 @@ class FlatMapFuture final : public AbstractFuture<Output> {
     }
 
     // Used once, by the thread that delivers the first result (or released unused).
-    Transform transform_;
+    std::optional<Transform> transform_;
     const ExecutionLane transformSuccessLane_;
     const ExecutionLane transformFailureLane_;
     std::atomic<Phase> phase_{Phase::first};

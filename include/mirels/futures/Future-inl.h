@@ -47,6 +47,35 @@ class AbstractFuture<T>::ObserverNode final : public detail::FutureObserverNode 
 };
 
 template <class T>
+template <class F>
+class AbstractFuture<T>::CallableNode final : public detail::FutureObserverNode {
+  public:
+    template <class G>
+    CallableNode(G&& callback, std::uint8_t cases, bool onHeap)
+        : callback_(std::forward<G>(callback)), cases_(cases), heap_(onHeap) {}
+    ~CallableNode() = default;
+    CallableNode(const CallableNode&) = delete;
+    CallableNode& operator=(const CallableNode&) = delete;
+
+    void finished(const void* termination) noexcept override {
+        const auto& typed = *static_cast<const Termination*>(termination);
+        if ((cases_ & detail::terminationCaseBit(typed)) != 0) callback_(typed);
+    }
+    void release() noexcept override {
+        if (heap_) {
+            delete this;
+        } else {
+            this->~CallableNode();
+        }
+    }
+
+  private:
+    F callback_;
+    std::uint8_t cases_;
+    bool heap_;
+};
+
+template <class T>
 AbstractFuture<T>::~AbstractFuture() {
     if (isFinished()) storedTermination()->~Termination();
 }
@@ -109,6 +138,33 @@ void AbstractFuture<T>::observeFinish(Observer observer) {
 }
 
 template <class T>
+template <class F>
+void AbstractFuture<T>::observeFinishHere(F&& callback, FutureTerminationCases cases) {
+    static_assert(std::is_invocable_v<std::decay_t<F>&, const Termination&>,
+                  "the callback takes the termination");
+    using Node = CallableNode<std::decay_t<F>>;
+    const auto caseBits = static_cast<std::uint8_t>(cases);
+    if (const Termination* termination = terminationIfFinished()) {
+        if ((caseBits & detail::terminationCaseBit(*termination)) != 0) {
+            std::decay_t<F> local(std::forward<F>(callback));
+            local(*termination);
+        }
+        return;
+    }
+    Node* node = nullptr;
+    void* slot = nullptr;
+    if constexpr (sizeof(Node) <= inlineNodeSize && alignof(Node) <= alignof(std::max_align_t)) {
+        slot = takeInlineNodeStorage();
+    }
+    if (slot != nullptr) {
+        node = ::new (slot) Node(std::forward<F>(callback), caseBits, false);
+    } else {
+        node = new Node(std::forward<F>(callback), caseBits, true);
+    }
+    observeFinishWithNode(*node);
+}
+
+template <class T>
 void AbstractFuture<T>::observeFinishWithNode(detail::FutureObserverNode& node) {
     if (push(node)) return;
     // Finished meanwhile: this thread delivers to the node itself.
@@ -127,7 +183,7 @@ void AbstractFuture<T>::didFinish(Termination termination) {
 template <class T>
 void AbstractFuture<T>::retainSelfWhileRunning(std::shared_ptr<AbstractFuture> self) {
     if (isFinished()) return;
-    observeFinish([self = std::move(self)](const Termination&) {});
+    observeFinishHere([self = std::move(self)](const Termination&) {});
 }
 
 template <class T>

@@ -46,9 +46,11 @@ template <class T>
 class PromiseFuture;
 template <class T>
 class ConstantFuture;
-template <class Input, class Output>
+template <class Input, class Output,
+          class Transform = UniqueFunction<Result<Output>(const Result<Input>&)>>
 class MapFuture;
-template <class Input, class Output>
+template <class Input, class Output,
+          class Transform = UniqueFunction<Future<Output>(const Result<Input>&)>>
 class FlatMapFuture;
 template <class T>
 class UncancelableFuture;
@@ -187,6 +189,14 @@ class AbstractFuture : public detail::FutureCore {
     /// `observeFinish` on the finishing (or, when finished, the calling) thread.
     void observeFinish(Observer observer);
 
+    /// `observeFinish` on the finishing (or, when finished, the calling) thread, with
+    /// `callback` kept as it is rather than as an `Observer`: no type-erased function and no
+    /// lane, so the common observer without a lane costs only its node (inline when the slot
+    /// is free and the callback fits).
+    template <class F>
+    void observeFinishHere(F&& callback,
+                           FutureTerminationCases cases = FutureTerminationCases::all);
+
     /// Adds `node` as an observer: its `finished` gets a `const Termination*`. For combinator
     /// stages that observe through a node of their own. `node` must stay valid until its
     /// `release` is called.
@@ -232,6 +242,9 @@ class AbstractFuture : public detail::FutureCore {
   private:
     /// A stored callback with its lane and cases.
     class ObserverNode;
+    /// A callback of its own type, called on the finishing thread for its cases.
+    template <class F>
+    class CallableNode;
 
     const Termination* storedTermination() const noexcept {
         return std::launder(reinterpret_cast<const Termination*>(terminationStorage_));
@@ -338,7 +351,7 @@ class [[nodiscard]] Future {
     template <class F>
         requires std::is_invocable_v<F&, const Termination&>
     void observeFinish(ExecutionLane lane, F&& callback) const {
-        object_->observeFinish(std::move(lane), std::forward<F>(callback));
+        observeOn(std::move(lane), std::forward<F>(callback), FutureTerminationCases::all);
     }
     template <class F>
         requires std::is_invocable_v<F&, const Termination&>
@@ -350,7 +363,7 @@ class [[nodiscard]] Future {
     template <class F>
         requires detail::ResultCallable<F, T>
     void observeCompletion(ExecutionLane lane, F&& callback) const {
-        object_->observeFinish(
+        observeOn(
             std::move(lane),
             [f = std::forward<F>(callback)](const Termination& termination) mutable {
                 f(*termination.resultIfCompleted());
@@ -367,7 +380,7 @@ class [[nodiscard]] Future {
     template <class F>
         requires detail::SuccessCallable<F, T>
     void observeSuccess(ExecutionLane lane, F&& callback) const {
-        object_->observeFinish(
+        observeOn(
             std::move(lane),
             [f = std::forward<F>(callback)](const Termination& termination) mutable {
                 detail::invokeWithSuccess<T>(f, *termination.resultIfCompleted());
@@ -384,7 +397,7 @@ class [[nodiscard]] Future {
     template <class F>
         requires std::is_invocable_v<F&, const Error&>
     void observeFailure(ExecutionLane lane, F&& callback) const {
-        object_->observeFinish(
+        observeOn(
             std::move(lane),
             [f = std::forward<F>(callback)](const Termination& termination) mutable {
                 f(*termination.resultIfCompleted()->failureError());
@@ -401,7 +414,7 @@ class [[nodiscard]] Future {
     template <class F>
         requires std::is_invocable_v<F&, Callsite>
     void observeCancelation(ExecutionLane lane, F&& callback) const {
-        object_->observeFinish(
+        observeOn(
             std::move(lane),
             [f = std::forward<F>(callback)](const Termination& termination) mutable {
                 f(*termination.canceledCallsite());
@@ -418,7 +431,7 @@ class [[nodiscard]] Future {
     template <class F>
         requires std::is_invocable_v<F&, const Error&>
     void observeUnsuccessfulResult(ExecutionLane lane, F&& callback) const {
-        object_->observeFinish(
+        observeOn(
             std::move(lane),
             [f = std::forward<F>(callback)](const Termination& termination) mutable {
                 if (const Result<T>* result = termination.resultIfCompleted()) {
@@ -440,14 +453,16 @@ class [[nodiscard]] Future {
     template <class F>
         requires detail::ResultCallable<F, T>
     void observeFinishConvertingCancelationToFailure(ExecutionLane lane, F&& completion) const {
-        object_->observeFinish(std::move(lane), [f = std::forward<F>(completion)](
-                                                    const Termination& termination) mutable {
-            if (const Result<T>* result = termination.resultIfCompleted()) {
-                f(*result);
-            } else {
-                f(termination.result());
-            }
-        });
+        observeOn(
+            std::move(lane),
+            [f = std::forward<F>(completion)](const Termination& termination) mutable {
+                if (const Result<T>* result = termination.resultIfCompleted()) {
+                    f(*result);
+                } else {
+                    f(termination.result());
+                }
+            },
+            FutureTerminationCases::all);
     }
     template <class F>
         requires detail::ResultCallable<F, T>
@@ -517,9 +532,10 @@ class [[nodiscard]] Future {
     auto map(ExecutionLane lane, F&& transform, Callsite callsite = Callsite::current()) const {
         using Out = typename std::remove_cvref_t<std::invoke_result_t<F&, const Result<T>&>>::Value;
         ExecutionLane failureLane = lane;
-        return MapFuture<T, Out>::create(
-            *this, std::move(lane), std::move(failureLane),
-            [f = std::forward<F>(transform)](const Result<T>& result) mutable -> Result<Out> {
+        return makeMap<Out>(
+            std::move(lane), std::move(failureLane),
+            [f = std::forward<F>(transform)](
+                const Result<T>& result) mutable noexcept -> Result<Out> {
                 try {
                     return f(result);
                 } catch (...) {
@@ -541,9 +557,9 @@ class [[nodiscard]] Future {
     auto mapSuccess(ExecutionLane lane, F&& transform,
                     Callsite callsite = Callsite::current()) const {
         using Out = std::remove_cvref_t<detail::SuccessInvokeResultType<F, T>>;
-        return MapFuture<T, Out>::create(
-            *this, std::move(lane), ExecutionLane::any(),
-            [f = std::forward<F>(transform)](const Result<T>& result) mutable {
+        return makeMap<Out>(
+            std::move(lane), ExecutionLane::any(),
+            [f = std::forward<F>(transform)](const Result<T>& result) mutable noexcept {
                 return detail::mapSuccessResult<Out, T>(f, result);
             },
             callsite);
@@ -574,9 +590,10 @@ class [[nodiscard]] Future {
     auto mapSuccessToResult(ExecutionLane lane, F&& transform,
                             Callsite callsite = Callsite::current()) const {
         using Out = typename std::remove_cvref_t<detail::SuccessInvokeResultType<F, T>>::Value;
-        return MapFuture<T, Out>::create(
-            *this, std::move(lane), ExecutionLane::any(),
-            [f = std::forward<F>(transform)](const Result<T>& result) mutable -> Result<Out> {
+        return makeMap<Out>(
+            std::move(lane), ExecutionLane::any(),
+            [f = std::forward<F>(transform)](
+                const Result<T>& result) mutable noexcept -> Result<Out> {
                 if (const Error* error = result.failureError()) return Result<Out>(*error);
                 try {
                     return detail::invokeWithSuccess<T>(f, result);
@@ -598,9 +615,10 @@ class [[nodiscard]] Future {
         requires std::is_invocable_v<F&, const Error&>
     Future mapFailure(ExecutionLane lane, F&& transform,
                       Callsite callsite = Callsite::current()) const {
-        return MapFuture<T, T>::create(
-            *this, ExecutionLane::any(), std::move(lane),
-            [f = std::forward<F>(transform)](const Result<T>& result) mutable -> Result<T> {
+        return makeMap<T>(
+            ExecutionLane::any(), std::move(lane),
+            [f = std::forward<F>(transform)](
+                const Result<T>& result) mutable noexcept -> Result<T> {
                 if (result.isSuccess()) return result;
                 try {
                     return Result<T>(Error(f(*result.failureError())));
@@ -623,8 +641,8 @@ class [[nodiscard]] Future {
     auto flatMap(ExecutionLane lane, F&& transform, Callsite callsite = Callsite::current()) const {
         using Out = typename std::remove_cvref_t<std::invoke_result_t<F&, const Result<T>&>>::Value;
         ExecutionLane failureLane = lane;
-        return FlatMapFuture<T, Out>::create(
-            *this, std::move(lane), std::move(failureLane),
+        return makeFlatMap<Out>(
+            std::move(lane), std::move(failureLane),
             [f = std::forward<F>(transform)](const Result<T>& result) mutable -> Future<Out> {
                 try {
                     return f(result);
@@ -674,8 +692,8 @@ class [[nodiscard]] Future {
         requires detail::ErrorToFuture<F, T>
     Future flatMapFailure(ExecutionLane lane, F&& resultCallback,
                           Callsite callsite = Callsite::current()) const {
-        return FlatMapFuture<T, T>::create(
-            *this, ExecutionLane::any(), std::move(lane),
+        return makeFlatMap<T>(
+            ExecutionLane::any(), std::move(lane),
             [f = std::forward<F>(resultCallback)](const Result<T>& result) mutable -> Future {
                 const Callsite library =
                     detail::futureCallsite(detail::FutureFunction::flatMapFailure);
@@ -703,9 +721,9 @@ class [[nodiscard]] Future {
         requires detail::IsResult<R>::value
     Future<typename R::Value> flattened(Callsite callsite = Callsite::current()) const {
         using Out = typename R::Value;
-        return MapFuture<T, Out>::create(
-            *this, ExecutionLane::any(), ExecutionLane::any(),
-            [](const Result<T>& result) -> Result<Out> {
+        return makeMap<Out>(
+            ExecutionLane::any(), ExecutionLane::any(),
+            [](const Result<T>& result) noexcept -> Result<Out> {
                 if (const Error* error = result.failureError()) return Result<Out>(*error);
                 return *result.successValue();
             },
@@ -773,12 +791,42 @@ class [[nodiscard]] Future {
   private:
     static Future constant(Termination termination, Callsite callsite);
 
+    /// A map over this future whose transform keeps its own type (a direct call, no
+    /// type-erased function).
+    template <class Out, class Fn>
+    Future<Out> makeMap(ExecutionLane successLane, ExecutionLane failureLane, Fn&& transform,
+                        Callsite callsite) const {
+        return MapFuture<T, Out, std::decay_t<Fn>>::create(*this, std::move(successLane),
+                                                           std::move(failureLane),
+                                                           std::forward<Fn>(transform), callsite);
+    }
+    /// A flat-map over this future whose transform keeps its own type.
+    template <class Out, class Fn>
+    Future<Out> makeFlatMap(ExecutionLane successLane, ExecutionLane failureLane, Fn&& transform,
+                            Callsite callsite) const {
+        return FlatMapFuture<T, Out, std::decay_t<Fn>>::create(
+            *this, std::move(successLane), std::move(failureLane), std::forward<Fn>(transform),
+            callsite);
+    }
+
+    /// Registers `adapter` for `cases`: held as it is when it runs on the delivering thread
+    /// (the immediate lane), as an `Observer` handed to `lane` otherwise.
+    template <class Adapter>
+    void observeOn(ExecutionLane lane, Adapter&& adapter, FutureTerminationCases cases) const {
+        if (lane.isAny()) {
+            object_->observeFinishHere(std::forward<Adapter>(adapter), cases);
+        } else {
+            object_->observeFinish(std::move(lane), Observer(std::forward<Adapter>(adapter)),
+                                   cases);
+        }
+    }
+
     template <class F>
     auto chain(ExecutionLane lane, F&& transform, Callsite callsite,
                detail::FutureFunction function) const {
         using Out = typename std::remove_cvref_t<detail::SuccessInvokeResultType<F, T>>::Value;
-        return FlatMapFuture<T, Out>::create(
-            *this, std::move(lane), ExecutionLane::any(),
+        return makeFlatMap<Out>(
+            std::move(lane), ExecutionLane::any(),
             [f = std::forward<F>(transform),
              function](const Result<T>& result) mutable -> Future<Out> {
                 if (const Error* error = result.failureError()) {

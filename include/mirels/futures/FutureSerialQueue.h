@@ -2,8 +2,9 @@
 
 // `FutureSerialQueue`: runs asynchronous operations one at a time, in the order they were enqueued.
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <optional>
 #include <type_traits>
@@ -92,13 +93,69 @@ class FutureSerialQueue final : public std::enable_shared_from_this<FutureSerial
     const ExecutionLane& dequeueLane() const noexcept { return dequeueLane_; }
 
   private:
+    /// The operation in progress: its identifier, and its work's future once the start step
+    /// has made it. A cancel that arrives before then is remembered and passed on to the work
+    /// as soon as it exists.
     struct Running {
-        Future<T> placeholder;
         std::int64_t identifier;
+        std::optional<Future<T>> work;
+        std::optional<Callsite> pendingCancel;
+    };
+
+    /// The waiting operations, oldest first, in a ring that keeps its storage: a queue that
+    /// fills and drains one operation at a time allocates nothing once warm.
+    class Waiting {
+      public:
+        bool empty() const noexcept { return count_ == 0; }
+        void push_back(Operation operation) {
+            if (count_ == slots_.size()) grow();
+            slots_[(head_ + count_) % slots_.size()].emplace(std::move(operation));
+            ++count_;
+        }
+        Operation pop_front() {
+            std::optional<Operation>& slot = slots_[head_];
+            Operation operation = std::move(*slot);
+            slot.reset();
+            head_ = (head_ + 1) % slots_.size();
+            --count_;
+            return operation;
+        }
+        /// Moves out every operation with `identifier`, keeping the others in order.
+        void removeInto(std::int64_t identifier, std::vector<Operation>& removed) {
+            std::size_t kept = 0;
+            for (std::size_t i = 0; i < count_; ++i) {
+                std::optional<Operation>& slot = slots_[(head_ + i) % slots_.size()];
+                if (slot->identifier == identifier) {
+                    removed.push_back(std::move(*slot));
+                    slot.reset();
+                } else {
+                    if (kept != i) {
+                        slots_[(head_ + kept) % slots_.size()] = std::move(slot);
+                        slot.reset();
+                    }
+                    ++kept;
+                }
+            }
+            count_ = kept;
+        }
+
+      private:
+        void grow() {
+            std::vector<std::optional<Operation>> larger(std::max<std::size_t>(4, 2 * count_));
+            for (std::size_t i = 0; i < count_; ++i) {
+                larger[i] = std::move(slots_[(head_ + i) % slots_.size()]);
+            }
+            slots_ = std::move(larger);
+            head_ = 0;
+        }
+
+        std::vector<std::optional<Operation>> slots_;
+        std::size_t head_ = 0;
+        std::size_t count_ = 0;
     };
 
     struct State {
-        std::deque<Operation> queue;
+        Waiting queue;
         std::optional<Running> running;
         // A thread is in the start loop of `dequeueIfPossible`; another call leaves its work to
         // that loop (and says so in `dequeueAgain`) instead of starting operations itself.
@@ -107,55 +164,53 @@ class FutureSerialQueue final : public std::enable_shared_from_this<FutureSerial
     };
 
     /// Starts the next operation if none is running, and goes on with the next as long as
-    /// operations finish before their start step returns.
-    void dequeueIfPossible() {
-        for (;;) {
-            std::optional<Operation> next;
-            std::optional<FutureAndPromise<T>> placeholder;
+    /// operations finish before their start step returns. With `finished`, first ends the
+    /// running operation of that identifier, in the same locked step.
+    void dequeueIfPossible(std::optional<std::int64_t> finished = std::nullopt) {
+        std::optional<Running> ended;
+        std::optional<Operation> next;
+        state_.syncWrite(
+            [&](State& state) {
+                if (finished && state.running && state.running->identifier == *finished) {
+                    ended = std::exchange(state.running, std::nullopt);
+                }
+                if (state.dequeuing) {
+                    // The thread in the start loop below takes the next one.
+                    state.dequeueAgain = true;
+                    return;
+                }
+                if (takeNext(state, next)) state.dequeuing = true;
+            },
+            Callsite::library("dequeueIfPossible()"));
+        ended.reset();
+        while (next) {
+            dequeueLane_.execute(
+                [self = this->shared_from_this(), operation = std::move(*next)]() mutable {
+                    self->start(std::move(operation));
+                });
+            next.reset();
             state_.syncWrite(
                 [&](State& state) {
-                    if (state.dequeuing) {
-                        state.dequeueAgain = true;
-                        return;
-                    }
-                    if (state.running || state.queue.empty()) return;
-                    next.emplace(std::move(state.queue.front()));
-                    state.queue.pop_front();
-                    placeholder.emplace(Future<T>::create(
-                        detail::futureCallsite(detail::FutureFunction::dequeueIfPossible)));
-                    state.running = Running{placeholder->future, next->identifier};
-                    state.dequeuing = true;
+                    if (std::exchange(state.dequeueAgain, false) && takeNext(state, next)) return;
+                    state.dequeuing = false;
                 },
                 Callsite::library("dequeueIfPossible()"));
-            if (!next) return;
-
-            // The placeholder exists so that `running` is set inside the lock, before the
-            // caller's work starts outside it; the caller's future follows it. Only the
-            // placeholder's outcome needs forwarding: a cancel of the caller's future already
-            // reaches the placeholder through `cancelOperation`, registered at enqueue.
-            placeholder->future.object()->observeFinish(
-                [promise = std::move(next->promise)](const FutureTermination<T>& termination) {
-                    if (const Result<T>* result = termination.resultIfCompleted()) {
-                        promise.fulfill(*result);
-                    } else {
-                        promise.cancel(*termination.canceledCallsite());
-                    }
-                });
-            dequeueLane_.execute([self = this->shared_from_this(), operation = std::move(*next),
-                                  promise = std::move(placeholder->promise)]() mutable {
-                self->start(std::move(operation), std::move(promise));
-            });
-
-            const bool again = state_.syncWrite([](State& state) {
-                state.dequeuing = false;
-                return std::exchange(state.dequeueAgain, false);
-            });
-            if (!again) return;
         }
     }
 
-    /// The start step, on the queue's lane: starts the work and waits for its future.
-    void start(Operation operation, Promise<T> placeholder) {
+    /// Takes the first waiting operation into `next` and makes it the running one, when none
+    /// runs. Called under the state lock.
+    static bool takeNext(State& state, std::optional<Operation>& next) {
+        if (state.running || state.queue.empty()) return false;
+        next.emplace(state.queue.pop_front());
+        // `running` is set here, inside the lock, before the caller's work starts outside it.
+        state.running.emplace(Running{next->identifier, std::nullopt, std::nullopt});
+        return true;
+    }
+
+    /// The start step, on the queue's lane: starts the work, lets the caller's future follow
+    /// it, and moves on when it has finished.
+    void start(Operation operation) {
         Future<T> work = [&] {
             try {
                 return operation.makeFuture();
@@ -166,46 +221,53 @@ class FutureSerialQueue final : public std::enable_shared_from_this<FutureSerial
             }
         }();
         operation.makeFuture = nullptr;
-        placeholder.track(work);
-        work.object()->observeFinish(
-            [self = this->shared_from_this(), identifier = operation.identifier](
-                const FutureTermination<T>&) { self->operationFinished(identifier); });
-    }
-
-    void operationFinished(std::int64_t identifier) {
-        std::optional<Running> finished;
-        state_.syncWrite([&](State& state) {
-            if (state.running && state.running->identifier == identifier) {
-                finished = std::exchange(state.running, std::nullopt);
+        const std::int64_t identifier = operation.identifier;
+        if (!work.terminationIfFinished()) {
+            // A cancel can still matter: make the work reachable for one, and pass on one that
+            // came before the work existed.
+            std::optional<Callsite> cancel;
+            state_.syncWrite([&](State& state) {
+                if (state.running && state.running->identifier == identifier) {
+                    state.running->work = work;
+                    cancel = state.running->pendingCancel;
+                }
+            });
+            if (cancel) work.cancel(*cancel);
+        }
+        // The outcome flows from the work to the caller's future; the caller's cancel reaches
+        // the work through `cancelOperation`, registered at enqueue.
+        work.object()->observeFinishHere([self = this->shared_from_this(),
+                                          promise = std::move(operation.promise),
+                                          identifier](const FutureTermination<T>& termination) {
+            if (const Result<T>* result = termination.resultIfCompleted()) {
+                promise.fulfill(*result);
+            } else {
+                promise.cancel(*termination.canceledCallsite());
             }
+            self->dequeueIfPossible(identifier);
         });
-        finished.reset();
-        dequeueIfPossible();
     }
 
     /// The caller's future of operation `identifier` was canceled: a queued operation is
-    /// dropped, a running one canceled.
+    /// dropped, a running one's work canceled (now, or as soon as its start step has made it).
     void cancelOperation(std::int64_t identifier) {
+        const Callsite callsite = detail::futureCallsite(detail::FutureFunction::cancelOperation);
         std::vector<Operation> dropped;
         std::optional<Future<T>> running;
         state_.syncWrite(
             [&](State& state) {
-                for (auto it = state.queue.begin(); it != state.queue.end();) {
-                    if (it->identifier == identifier) {
-                        dropped.push_back(std::move(*it));
-                        it = state.queue.erase(it);
+                state.queue.removeInto(identifier, dropped);
+                if (state.running && state.running->identifier == identifier) {
+                    if (state.running->work) {
+                        running = state.running->work;
                     } else {
-                        ++it;
+                        state.running->pendingCancel = callsite;
                     }
                 }
-                if (state.running && state.running->identifier == identifier) {
-                    running = state.running->placeholder;
-                }
             },
-            detail::futureCallsite(detail::FutureFunction::cancelOperation));
+            callsite);
         dropped.clear();
-        if (running)
-            running->cancel(detail::futureCallsite(detail::FutureFunction::cancelOperation));
+        if (running) running->cancel(callsite);
     }
 
     ThreadSafe<State> state_;

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <memory>
 #include <optional>
+#include <type_traits>
 #include <utility>
 
 #include "mirels/futures/ConstantFuture.h"
@@ -28,15 +29,16 @@ namespace mirels {
 /// off, once, to whichever comes first: the input's result or a cancel. That hand-off is
 /// settled by one atomic exchange; with the base's lock-free state, a map takes no lock at all.
 /// It observes its input through a node of its own, so a map is one allocation.
-template <class Input, class Output>
+///
+/// `Transform` is the transform's own type when a combinator makes the map, so calling it is a
+/// direct call; a `UniqueFunction` by default.
+template <class Input, class Output, class Transform>
 class MapFuture final : public AbstractFuture<Output> {
     struct Key {
         explicit Key() = default;
     };
 
   public:
-    using Transform = UniqueFunction<Result<Output>(const Result<Input>&)>;
-
     MapFuture(Key, Future<Input> input, ExecutionLane transformSuccessLane,
               ExecutionLane transformFailureLane, Transform transform, Callsite callsite)
         : AbstractFuture<Output>(callsite),
@@ -56,7 +58,9 @@ class MapFuture final : public AbstractFuture<Output> {
             const Result<Input>& result = *termination->resultIfCompleted();
             if ((result.isSuccess() ? transformSuccessLane : transformFailureLane).isCurrent()) {
                 return ConstantFuture<Output>::create(
-                    FutureTermination<Output>::completed(transform(result)), callsite);
+                    FutureTermination<Output>::completed(
+                        static_cast<Result<Output>>(transform(result))),
+                    callsite);
             }
         }
         // The map holds its input from here on; the pointer is for registering only. The map
@@ -76,7 +80,7 @@ class MapFuture final : public AbstractFuture<Output> {
     void cancel(Callsite callsite) override {
         std::optional<Future<Input>> underlying = takeUnderlying();
         if (!underlying) return;
-        transform_ = nullptr;  // it will never run; let go of what it holds
+        transform_.reset();  // it will never run; let go of what it holds
         this->didFinish(FutureTermination<Output>::canceled(callsite));
         underlying->cancel(callsite);
     }
@@ -106,7 +110,7 @@ class MapFuture final : public AbstractFuture<Output> {
         const std::optional<Future<Input>> underlying = takeUnderlying();
         if (!underlying) return;
         if (auto canceled = termination.canceledCallsite()) {
-            transform_ = nullptr;
+            transform_.reset();
             this->didFinish(FutureTermination<Output>::canceled(*canceled));
             return;
         }
@@ -121,14 +125,25 @@ class MapFuture final : public AbstractFuture<Output> {
     }
 
     void runTransform(const Result<Input>& result) {
-        Transform transform = std::move(transform_);
-        Result<Output> output = transform(result);
-        transform = nullptr;
-        this->didFinish(FutureTermination<Output>::completed(std::move(output)));
+        if constexpr (std::is_nothrow_invocable_v<Transform&, const Result<Input>&>) {
+            // The output is made in the map's own storage: the map finishes only here, on an
+            // input cancel, or on a cancel of its own, and whichever takes the input first is
+            // the one finisher.
+            this->finishInPlace(
+                [](const FutureTermination<Output>&) {},
+                [&](void* storage) {
+                    ::new (storage) FutureTermination<Output>(FutureTermination<Output>::completed(
+                        static_cast<Result<Output>>((*transform_)(result))));
+                });
+        } else {
+            Result<Output> output = (*transform_)(result);
+            this->didFinish(FutureTermination<Output>::completed(std::move(output)));
+        }
+        transform_.reset();
     }
 
     // Touched only by whoever takes the input, which happens once.
-    Transform transform_;
+    std::optional<Transform> transform_;
     const ExecutionLane transformSuccessLane_;
     const ExecutionLane transformFailureLane_;
     // The activity: running while `settled_` is false, holding the input in `underlying_`;

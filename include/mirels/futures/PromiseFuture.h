@@ -203,13 +203,14 @@ class Promise {
     /// Following its own future does nothing.
     void track(const Future<T>& other) const {
         if (other.object().get() == future_.get()) return;
-        other.object()->observeFinish([promise = *this](const FutureTermination<T>& termination) {
-            if (const Result<T>* result = termination.resultIfCompleted()) {
-                promise.fulfill(*result);
-            } else {
-                promise.cancel(*termination.canceledCallsite());
-            }
-        });
+        other.object()->observeFinishHere(
+            [promise = *this](const FutureTermination<T>& termination) {
+                if (const Result<T>* result = termination.resultIfCompleted()) {
+                    promise.fulfill(*result);
+                } else {
+                    promise.cancel(*termination.canceledCallsite());
+                }
+            });
         future().observeCancelation([other](Callsite callsite) { other.cancel(callsite); });
     }
 

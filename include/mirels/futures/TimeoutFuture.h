@@ -108,7 +108,7 @@ class TimeoutFuture final : public AbstractFuture<Result<T>> {
             });
             if (!kept) timer.cancel();  // fired already
         }
-        watched.object()->observeFinish([self](const FutureTermination<T>& termination) {
+        watched.object()->observeFinishHere([self](const FutureTermination<T>& termination) {
             self->receiveUnderlyingFinish(termination);
         });
         return Future<Result<T>>(std::move(self));

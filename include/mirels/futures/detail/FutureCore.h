@@ -88,17 +88,43 @@ class MIRELS_EXPORT FutureCore {
     /// Releases, without a call, the observers of a future that never finished.
     ~FutureCore();
 
+    // The three steps below are on every round trip: defined here, so that they inline.
+
     /// The inline node slot when this caller is the first to ask (and the future runs); null
     /// otherwise.
-    void* takeInlineNodeStorage() noexcept;
+    void* takeInlineNodeStorage() noexcept {
+        std::uintptr_t state = state_.load(std::memory_order_relaxed);
+        // The finished value has the bit set too, so a finish ends the loop.
+        while ((state & inlineNodeTaken) == 0) {
+            if (state_.compare_exchange_weak(state, state | inlineNodeTaken,
+                                             std::memory_order_relaxed,
+                                             std::memory_order_relaxed)) {
+                return static_cast<void*>(inlineNode_);
+            }
+        }
+        return nullptr;
+    }
 
     /// Adds `node` to the list of a running future and returns true; returns false when the
     /// future has finished (the caller then delivers to the node itself).
-    bool push(FutureObserverNode& node) noexcept;
+    bool push(FutureObserverNode& node) noexcept {
+        std::uintptr_t state = state_.load(std::memory_order_acquire);
+        for (;;) {
+            if (state == finishedState) return false;
+            node.next_ = nodeOf(state);
+            if (state_.compare_exchange_weak(
+                    state, (state & flagBits) | reinterpret_cast<std::uintptr_t>(&node),
+                    std::memory_order_release, std::memory_order_acquire)) {
+                return true;
+            }
+        }
+    }
 
     /// Claims the finish: true for exactly one caller, which must then build the termination
     /// and call `publishFinish`.
-    bool claimFinish() noexcept;
+    bool claimFinish() noexcept {
+        return (state_.fetch_or(finishing, std::memory_order_acquire) & finishing) == 0;
+    }
 
     /// Records the finish time, marks the future finished and runs its observers in
     /// registration order with `termination`, then releases them.
@@ -114,6 +140,11 @@ class MIRELS_EXPORT FutureCore {
     static constexpr std::uintptr_t finishing = 2;
     static constexpr std::uintptr_t flagBits = inlineNodeTaken | finishing;
     static constexpr std::uintptr_t finishedState = 4 | flagBits;
+
+    static FutureObserverNode* nodeOf(std::uintptr_t state) noexcept {
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the word holds a node's address
+        return reinterpret_cast<FutureObserverNode*>(state & ~flagBits);
+    }
 
     Callsite initializationCallsite_;
     MonotonicTimestamp initializationTime_;
