@@ -17,6 +17,7 @@ namespace mirels {
 
 // The declarations in the headers carry the export attribute; it cannot be repeated here.
 
+// NOLINTBEGIN(bugprone-macro-parentheses): a type argument cannot be parenthesised
 #define MIRELS_DETAIL_DEFINE(T)                    \
     template class AbstractFuture<T>;              \
     template class AbstractFuture<Result<T>>;      \
@@ -37,5 +38,6 @@ namespace mirels {
     template class FutureSerialQueue<T>;
 MIRELS_DETAIL_FOR_EACH_COMMON_FUTURE_VALUE(MIRELS_DETAIL_DEFINE)
 #undef MIRELS_DETAIL_DEFINE
+// NOLINTEND(bugprone-macro-parentheses)
 
 }  // namespace mirels

@@ -38,11 +38,13 @@ Future<T> Future<T>::constant(Termination termination, Callsite callsite) {
 }
 
 // Compiled once in the library for the common value types (futures/detail/CommonValueTypes.h).
+// NOLINTBEGIN(bugprone-macro-parentheses): a type argument cannot be parenthesised
 #define MIRELS_DETAIL_DECLARE(T)                                   \
     extern template class MIRELS_EXPORT ConstantFuture<T>;         \
     extern template class MIRELS_EXPORT ConstantFuture<Result<T>>; \
     extern template class MIRELS_EXPORT ConstantFuture<std::vector<T>>;
 MIRELS_DETAIL_FOR_EACH_COMMON_FUTURE_VALUE(MIRELS_DETAIL_DECLARE)
 #undef MIRELS_DETAIL_DECLARE
+// NOLINTEND(bugprone-macro-parentheses)
 
 }  // namespace mirels

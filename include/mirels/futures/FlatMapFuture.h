@@ -222,8 +222,10 @@ class FlatMapFuture final : public AbstractFuture<Output> {
 };
 
 // Compiled once in the library for the common value types (futures/detail/CommonValueTypes.h).
+// NOLINTBEGIN(bugprone-macro-parentheses): a type argument cannot be parenthesised
 #define MIRELS_DETAIL_DECLARE(T) extern template class MIRELS_EXPORT FlatMapFuture<T, T>;
 MIRELS_DETAIL_FOR_EACH_COMMON_FUTURE_VALUE(MIRELS_DETAIL_DECLARE)
 #undef MIRELS_DETAIL_DECLARE
+// NOLINTEND(bugprone-macro-parentheses)
 
 }  // namespace mirels

@@ -863,6 +863,7 @@ struct std::hash<mirels::Future<T>> {
 
 // Compiled once in the library for the common value types (futures/detail/CommonValueTypes.h).
 namespace mirels {
+// NOLINTBEGIN(bugprone-macro-parentheses): a type argument cannot be parenthesised
 #define MIRELS_DETAIL_DECLARE(T)                                        \
     extern template class MIRELS_EXPORT AbstractFuture<Result<T>>;      \
     extern template class MIRELS_EXPORT Future<Result<T>>;              \
@@ -872,6 +873,7 @@ namespace mirels {
     extern template class MIRELS_EXPORT Future<T>;
 MIRELS_DETAIL_FOR_EACH_COMMON_FUTURE_VALUE(MIRELS_DETAIL_DECLARE)
 #undef MIRELS_DETAIL_DECLARE
+// NOLINTEND(bugprone-macro-parentheses)
 }  // namespace mirels
 
 // The definitions of the templates above, the kinds of futures, and the definitions that need

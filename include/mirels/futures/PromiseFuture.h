@@ -250,10 +250,12 @@ FutureAndPromise<T> Future<T>::create(Callsite callsite) {
 }
 
 // Compiled once in the library for the common value types (futures/detail/CommonValueTypes.h).
+// NOLINTBEGIN(bugprone-macro-parentheses): a type argument cannot be parenthesised
 #define MIRELS_DETAIL_DECLARE(T)                          \
     extern template class MIRELS_EXPORT PromiseFuture<T>; \
     extern template class MIRELS_EXPORT Promise<T>;
 MIRELS_DETAIL_FOR_EACH_COMMON_FUTURE_VALUE(MIRELS_DETAIL_DECLARE)
 #undef MIRELS_DETAIL_DECLARE
+// NOLINTEND(bugprone-macro-parentheses)
 
 }  // namespace mirels
