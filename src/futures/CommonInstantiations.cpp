@@ -30,8 +30,6 @@ namespace mirels {
     template class ConstantFuture<std::vector<T>>; \
     template class PromiseFuture<T>;               \
     template class Promise<T>;                     \
-    template class MapFuture<T, T>;                \
-    template class FlatMapFuture<T, T>;            \
     template class UncancelableFuture<T>;          \
     template class TimeoutFuture<T>;               \
     template class TraverseFuture<T>;              \

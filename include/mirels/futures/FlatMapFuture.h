@@ -10,7 +10,6 @@
 
 #include "mirels/futures/ConstantFuture.h"
 #include "mirels/futures/Future.h"
-#include "mirels/futures/detail/CommonValueTypes.h"
 
 namespace mirels {
 
@@ -220,12 +219,5 @@ class FlatMapFuture final : public AbstractFuture<Output> {
     StageNode<Input, &FlatMapFuture::firstFinished> firstNode_;
     StageNode<Output, &FlatMapFuture::secondFinished> secondNode_;
 };
-
-// Compiled once in the library for the common value types (futures/detail/CommonValueTypes.h).
-// NOLINTBEGIN(bugprone-macro-parentheses): a type argument cannot be parenthesised
-#define MIRELS_DETAIL_DECLARE(T) extern template class MIRELS_EXPORT FlatMapFuture<T, T>;
-MIRELS_DETAIL_FOR_EACH_COMMON_FUTURE_VALUE(MIRELS_DETAIL_DECLARE)
-#undef MIRELS_DETAIL_DECLARE
-// NOLINTEND(bugprone-macro-parentheses)
 
 }  // namespace mirels

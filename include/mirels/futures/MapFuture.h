@@ -10,7 +10,6 @@
 
 #include "mirels/futures/ConstantFuture.h"
 #include "mirels/futures/Future.h"
-#include "mirels/futures/detail/CommonValueTypes.h"
 
 namespace mirels {
 
@@ -152,12 +151,5 @@ class MapFuture final : public AbstractFuture<Output> {
     Future<Input> underlying_;
     InputNode inputNode_;
 };
-
-// Compiled once in the library for the common value types (futures/detail/CommonValueTypes.h).
-// NOLINTBEGIN(bugprone-macro-parentheses): a type argument cannot be parenthesised
-#define MIRELS_DETAIL_DECLARE(T) extern template class MIRELS_EXPORT MapFuture<T, T>;
-MIRELS_DETAIL_FOR_EACH_COMMON_FUTURE_VALUE(MIRELS_DETAIL_DECLARE)
-#undef MIRELS_DETAIL_DECLARE
-// NOLINTEND(bugprone-macro-parentheses)
 
 }  // namespace mirels
