@@ -153,6 +153,7 @@ void AbstractFuture<T>::observeFinishHere(F&& callback, FutureTerminationCases c
     }
     Node* node = nullptr;
     void* slot = nullptr;
+    // NOLINTNEXTLINE(misc-redundant-expression): both sides are constants for some node types
     if constexpr (sizeof(Node) <= inlineNodeSize && alignof(Node) <= alignof(std::max_align_t)) {
         slot = takeInlineNodeStorage();
     }
