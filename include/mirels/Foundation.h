@@ -44,6 +44,7 @@
 #include "mirels/core/Invoke.h"
 #include "mirels/core/MutableBox.h"
 #include "mirels/core/RawValueCases.h"
+#include "mirels/core/RecycledMemory.h"
 #include "mirels/core/Ref.h"
 #include "mirels/core/SynchronousAccessProviding.h"
 #include "mirels/core/ThreadSafe.h"

@@ -1,7 +1,5 @@
 #include "mirels/futures/detail/FutureCore.h"
 
-#include <time.h>
-
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -10,17 +8,6 @@
 namespace mirels::detail {
 
 namespace {
-
-/// The clock futures record their initialization and finish times with: the monotonic clock
-/// at the kernel's tick resolution (CLOCK_MONOTONIC_COARSE, 1 to 4 ms). The same time base as
-/// `MonotonicTimestamp::now()`, at a quarter of its cost; futures are made and finished far too
-/// often for a precise reading, and running times worth looking at are longer than a tick.
-MonotonicTimestamp futureClockNow() noexcept {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return {static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000ULL +
-            static_cast<std::uint64_t>(now.tv_nsec)};
-}
 
 /// Wakes a thread blocked in `waitUntilFinished`. Shared with the waiter: the finishing thread
 /// may still hold the node after the waiter has returned.
@@ -50,18 +37,7 @@ class WaiterNode final : public FutureObserverNode {
 
 }  // namespace
 
-FutureCore::FutureCore(Callsite callsite) noexcept
-    : initializationCallsite_(callsite), initializationTime_(futureClockNow()) {}
-
-FutureCore::FutureCore(Callsite callsite, FinishedAtConstruction /*unused*/) noexcept
-    : initializationCallsite_(callsite),
-      initializationTime_(futureClockNow()),
-      finishTime_(initializationTime_),
-      state_(finishedState) {}
-
-FutureCore::~FutureCore() {
-    const std::uintptr_t state = state_.load(std::memory_order_acquire);
-    if (state == finishedState) return;
+void FutureCore::releaseUnfinished(std::uintptr_t state) noexcept {
     // Never finished: the observers are let go without a call.
     FutureObserverNode* node = nodeOf(state);
     while (node != nullptr) {
@@ -71,19 +47,10 @@ FutureCore::~FutureCore() {
     }
 }
 
-void FutureCore::publishFinish(const void* termination) noexcept {
-    finishTime_ = futureClockNow();
-    const std::uintptr_t state = state_.exchange(finishedState, std::memory_order_acq_rel);
-    FutureObserverNode* node = nodeOf(state);
-    if (node != nullptr && node->next_ == nullptr) {
-        // One observer, the common case.
-        node->finished(termination);
-        node->release();
-        return;
-    }
+void FutureCore::runObservers(FutureObserverNode* newest, const void* termination) noexcept {
     // The list was pushed newest first: turn it round to call in registration order.
-    node = nullptr;
-    for (FutureObserverNode* pushed = nodeOf(state); pushed != nullptr;) {
+    FutureObserverNode* node = nullptr;
+    for (FutureObserverNode* pushed = newest; pushed != nullptr;) {
         FutureObserverNode* next = pushed->next_;
         pushed->next_ = node;
         node = pushed;

@@ -26,7 +26,8 @@ class ConstantFuture final : public AbstractFuture<T> {
 
     static Future<T> create(FutureTermination<T> termination,
                             Callsite callsite = Callsite::current()) {
-        return Future<T>(std::make_shared<ConstantFuture>(Key{}, std::move(termination), callsite));
+        return Future<T>(
+            makeSharedRecycled<ConstantFuture>(Key{}, std::move(termination), callsite));
     }
 
     void cancel(Callsite /*callsite*/) override {}

@@ -80,7 +80,7 @@ class FlatMapFuture final : public AbstractFuture<Output> {
                         second.terminationIfFinished()) {
                     return ConstantFuture<Output>::create(*secondTermination, callsite);
                 }
-                auto self = std::make_shared<FlatMapFuture>(
+                auto self = makeSharedRecycled<FlatMapFuture>(
                     Key{}, RunningSecond{second}, std::move(transformSuccessLane),
                     std::move(transformFailureLane), std::nullopt, callsite);
                 observeSecond(self, second);
@@ -90,7 +90,7 @@ class FlatMapFuture final : public AbstractFuture<Output> {
         // The flat-map holds the first future from here on; the pointer is for registering. It
         // observes each of its two futures through a node of its own.
         AbstractFuture<Input>* observed = first.object().get();
-        auto self = std::make_shared<FlatMapFuture>(
+        auto self = makeSharedRecycled<FlatMapFuture>(
             Key{}, RunningFirst{std::move(first)}, std::move(transformSuccessLane),
             std::move(transformFailureLane), std::move(transform), callsite);
         self->firstNode_.stage = self;

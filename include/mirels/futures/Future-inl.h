@@ -19,27 +19,41 @@ std::uint8_t terminationCaseBit(const FutureTermination<T>& termination) noexcep
 }
 }  // namespace detail
 
-template <class T>
-class AbstractFuture<T>::ObserverNode final : public detail::FutureObserverNode {
+namespace detail {
+/// What the typed observer nodes share: the node lives either in the future's inline slot or
+/// in a recycled block of its own (as `Node::heap_` says; kept in the node, beside its other
+/// small members, so that the node stays within the inline slot), and its release follows.
+template <class Node>
+class PlacedObserverNode : public FutureObserverNode, public RecycledAllocation {
   public:
-    ObserverNode(Observer&& observer, ExecutionLane&& lane, std::uint8_t cases, bool onHeap)
+    void release() noexcept final {
+        auto* self = static_cast<Node*>(this);
+        if (self->heap_) {
+            delete self;
+        } else {
+            self->~Node();
+        }
+    }
+
+  protected:
+    PlacedObserverNode() = default;
+    ~PlacedObserverNode() = default;
+};
+}  // namespace detail
+
+template <class T>
+class AbstractFuture<T>::ObserverNode final
+    : public detail::PlacedObserverNode<AbstractFuture<T>::ObserverNode> {
+  public:
+    ObserverNode(bool onHeap, Observer&& observer, ExecutionLane&& lane, std::uint8_t cases)
         : callback_(std::move(observer)), lane_(std::move(lane)), cases_(cases), heap_(onHeap) {}
-    ~ObserverNode() = default;
-    ObserverNode(const ObserverNode&) = delete;
-    ObserverNode& operator=(const ObserverNode&) = delete;
 
     void finished(const void* termination) noexcept override {
         deliver(lane_, callback_, cases_, *static_cast<const Termination*>(termination));
     }
-    void release() noexcept override {
-        if (heap_) {
-            delete this;
-        } else {
-            this->~ObserverNode();
-        }
-    }
 
   private:
+    friend detail::PlacedObserverNode<ObserverNode>;
     Observer callback_;
     ExecutionLane lane_;
     std::uint8_t cases_;
@@ -48,32 +62,37 @@ class AbstractFuture<T>::ObserverNode final : public detail::FutureObserverNode 
 
 template <class T>
 template <class F>
-class AbstractFuture<T>::CallableNode final : public detail::FutureObserverNode {
+class AbstractFuture<T>::CallableNode final
+    : public detail::PlacedObserverNode<AbstractFuture<T>::CallableNode<F>> {
   public:
     template <class G>
-    CallableNode(G&& callback, std::uint8_t cases, bool onHeap)
+    CallableNode(bool onHeap, G&& callback, std::uint8_t cases)
         : callback_(std::forward<G>(callback)), cases_(cases), heap_(onHeap) {}
-    ~CallableNode() = default;
-    CallableNode(const CallableNode&) = delete;
-    CallableNode& operator=(const CallableNode&) = delete;
 
     void finished(const void* termination) noexcept override {
         const auto& typed = *static_cast<const Termination*>(termination);
         if ((cases_ & detail::terminationCaseBit(typed)) != 0) callback_(typed);
     }
-    void release() noexcept override {
-        if (heap_) {
-            delete this;
-        } else {
-            this->~CallableNode();
-        }
-    }
 
   private:
+    friend detail::PlacedObserverNode<CallableNode>;
     F callback_;
     std::uint8_t cases_;
     bool heap_;
 };
+
+template <class T>
+template <class Node, class... Args>
+void AbstractFuture<T>::observeWithPlacedNode(Args&&... args) {
+    void* slot = nullptr;
+    // NOLINTNEXTLINE(misc-redundant-expression): both sides are constants for some node types
+    if constexpr (sizeof(Node) <= inlineNodeSize && alignof(Node) <= alignof(std::max_align_t)) {
+        slot = takeInlineNodeStorage();
+    }
+    Node* node = slot != nullptr ? ::new (slot) Node(false, std::forward<Args>(args)...)
+                                 : new Node(true, std::forward<Args>(args)...);
+    observeFinishWithNode(*node);
+}
 
 template <class T>
 AbstractFuture<T>::~AbstractFuture() {
@@ -123,13 +142,7 @@ void AbstractFuture<T>::observeFinish(ExecutionLane lane, Observer observer,
         deliver(lane, observer, caseBits, *storedTermination());
         return;
     }
-    ObserverNode* node = nullptr;
-    if (void* slot = takeInlineNodeStorage()) {
-        node = ::new (slot) ObserverNode(std::move(observer), std::move(lane), caseBits, false);
-    } else {
-        node = new ObserverNode(std::move(observer), std::move(lane), caseBits, true);
-    }
-    observeFinishWithNode(*node);
+    observeWithPlacedNode<ObserverNode>(std::move(observer), std::move(lane), caseBits);
 }
 
 template <class T>
@@ -151,18 +164,7 @@ void AbstractFuture<T>::observeFinishHere(F&& callback, FutureTerminationCases c
         }
         return;
     }
-    Node* node = nullptr;
-    void* slot = nullptr;
-    // NOLINTNEXTLINE(misc-redundant-expression): both sides are constants for some node types
-    if constexpr (sizeof(Node) <= inlineNodeSize && alignof(Node) <= alignof(std::max_align_t)) {
-        slot = takeInlineNodeStorage();
-    }
-    if (slot != nullptr) {
-        node = ::new (slot) Node(std::forward<F>(callback), caseBits, false);
-    } else {
-        node = new Node(std::forward<F>(callback), caseBits, true);
-    }
-    observeFinishWithNode(*node);
+    observeWithPlacedNode<Node>(std::forward<F>(callback), caseBits);
 }
 
 template <class T>

@@ -23,6 +23,7 @@
 #include "mirels/core/Assertions.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/FatalError.h"
+#include "mirels/core/RecycledMemory.h"
 #include "mirels/core/TimePeriod.h"
 #include "mirels/core/UniqueFunction.h"
 #include "mirels/errors/Error.h"
@@ -154,8 +155,10 @@ concept ErrorToFuture = std::is_invocable_v<F&, const Error&> &&
 /// The first observer lives in the future's inline slot; later ones take an allocation, and a
 /// combinator stage observes its input through a node that is part of the stage itself.
 ///
-/// Kinds are made with `std::make_shared`. Whoever finishes a future holds a strong reference
-/// to it while it does (the observers may drop every other one). Observers must not throw.
+/// Kinds are made with `std::make_shared`, or `makeSharedRecycled` (the library's own kinds:
+/// the object and its control block come from the thread's cache of recycled blocks). Whoever
+/// finishes a future holds a strong reference to it while it does (the observers may drop every
+/// other one). Observers must not throw.
 template <class T>
 class AbstractFuture : public detail::FutureCore {
   public:
@@ -245,6 +248,11 @@ class AbstractFuture : public detail::FutureCore {
     /// A callback of its own type, called on the finishing thread for its cases.
     template <class F>
     class CallableNode;
+
+    /// Registers a new `Node(onHeap, args...)`: in the inline slot when it fits and is free,
+    /// else in a recycled block of its own.
+    template <class Node, class... Args>
+    void observeWithPlacedNode(Args&&... args);
 
     const Termination* storedTermination() const noexcept {
         return std::launder(reinterpret_cast<const Termination*>(terminationStorage_));

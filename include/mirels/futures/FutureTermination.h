@@ -131,22 +131,22 @@ class FutureTermination {
     static FutureTermination succeeded(FutureValue<T> value)
         requires(!std::is_void_v<T>)
     {
-        return FutureTermination(Result<T>(std::move(value)));
+        return FutureTermination(InPlace{}, std::move(value));
     }
     static FutureTermination succeeded()
         requires std::is_void_v<T>
     {
-        return FutureTermination(Result<void>());
+        return FutureTermination(InPlace{});
     }
     static FutureTermination failed(Error error) {
-        return FutureTermination(Result<T>(std::move(error)));
+        return FutureTermination(InPlace{}, std::move(error));
     }
     static FutureTermination canceled(Callsite callsite) noexcept {
         return FutureTermination(callsite);
     }
     /// Succeeded or failed as `result` says.
     static FutureTermination completed(Result<T> result) {
-        return FutureTermination(std::move(result));
+        return FutureTermination(InPlace{}, std::move(result));
     }
 
     /// Succeeded or failed.
@@ -276,7 +276,11 @@ class FutureTermination {
     }
 
   private:
-    explicit FutureTermination(Result<T> result) : result_(std::move(result)), canceled_(false) {}
+    struct InPlace {};
+    /// Completed, with the result built in place from `args` (no temporary result to destroy).
+    template <class... Args>
+    explicit FutureTermination(InPlace /*unused*/, Args&&... args)
+        : result_(std::forward<Args>(args)...), canceled_(false) {}
     explicit FutureTermination(Callsite callsite) noexcept : callsite_(callsite), canceled_(true) {}
 
     void destroy() noexcept {

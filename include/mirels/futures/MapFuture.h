@@ -66,7 +66,7 @@ class MapFuture final : public AbstractFuture<Output> {
         // observes it through its own node, which keeps the map alive until the input is done
         // with it.
         AbstractFuture<Input>* underlying = input.object().get();
-        auto self = std::make_shared<MapFuture>(
+        auto self = makeSharedRecycled<MapFuture>(
             Key{}, std::move(input), std::move(transformSuccessLane),
             std::move(transformFailureLane), std::move(transform), callsite);
         self->inputNode_.stage = self;

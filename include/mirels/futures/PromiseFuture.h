@@ -69,7 +69,7 @@ class PromiseFuture final : public AbstractFuture<T> {
 
     [[nodiscard]] static std::shared_ptr<PromiseFuture> create(
         Callsite callsite = Callsite::current()) {
-        return std::make_shared<PromiseFuture>(Key{}, callsite);
+        return makeSharedRecycled<PromiseFuture>(Key{}, callsite);
     }
 
     /// Requests `to`; throws `TransitionError` when the future has completed already and `to`

@@ -84,8 +84,8 @@ class TimeoutFuture final : public AbstractFuture<Result<T>> {
             return ConstantFuture<Result<T>>::create(detail::timeoutTermination(*termination),
                                                      callsite);
         }
-        auto self = std::make_shared<TimeoutFuture>(Key{}, watched, interval,
-                                                    std::move(makeTimeoutError), callsite);
+        auto self = makeSharedRecycled<TimeoutFuture>(Key{}, watched, interval,
+                                                      std::move(makeTimeoutError), callsite);
         auto fire = [weak = std::weak_ptr<TimeoutFuture>(self)] {
             if (auto timeout = weak.lock()) timeout->handleFire();
         };

@@ -59,8 +59,8 @@ class TraverseFuture final : public AbstractFuture<std::vector<Element>> {
         std::vector<Fiber> fibers;
         fibers.reserve(futures.size());
         for (const Future<Element>& future : futures) fibers.push_back(Fiber{future, {}});
-        auto self =
-            std::make_shared<TraverseFuture>(Key{}, std::move(fibers), accumulateErrors, callsite);
+        auto self = makeSharedRecycled<TraverseFuture>(Key{}, std::move(fibers), accumulateErrors,
+                                                       callsite);
         for (std::size_t offset = 0; offset < futures.size(); ++offset) {
             futures[offset].object()->observeFinish(
                 [self, offset](const FutureTermination<Element>& termination) {

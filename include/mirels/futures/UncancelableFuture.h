@@ -26,7 +26,7 @@ class UncancelableFuture final : public AbstractFuture<T> {
         if (const FutureTermination<T>* termination = shielded.terminationIfFinished()) {
             return ConstantFuture<T>::create(*termination, callsite);
         }
-        auto self = std::make_shared<UncancelableFuture>(Key{}, callsite);
+        auto self = makeSharedRecycled<UncancelableFuture>(Key{}, callsite);
         shielded.object()->observeFinish(
             [self](const FutureTermination<T>& termination) { self->didFinish(termination); });
         return Future<T>(std::move(self));

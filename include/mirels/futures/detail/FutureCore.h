@@ -1,5 +1,7 @@
 #pragma once
 
+#include <time.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -10,6 +12,18 @@
 #include "mirels/core/TimePeriod.h"
 
 namespace mirels::detail {
+
+/// The clock futures record their initialization and finish times with: the monotonic clock at
+/// the kernel's tick resolution (CLOCK_MONOTONIC_COARSE, 1 to 4 ms), on the same time base as
+/// `MonotonicTimestamp::now()` at a fraction of its cost. Futures are made and finished far too
+/// often for a precise reading, and running times worth looking at are longer than a tick.
+/// Inline: it is read twice on every future's way.
+inline MonotonicTimestamp futureClockNow() noexcept {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return {static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000ULL +
+            static_cast<std::uint64_t>(now.tv_nsec)};
+}
 
 /// One observer waiting for a future to finish: a node of the future's intrusive list.
 ///
@@ -81,12 +95,20 @@ class MIRELS_EXPORT FutureCore {
 
   protected:
     /// A running future.
-    explicit FutureCore(Callsite callsite) noexcept;
+    explicit FutureCore(Callsite callsite) noexcept
+        : initializationCallsite_(callsite), initializationTime_(futureClockNow()) {}
     struct FinishedAtConstruction {};
     /// A future finished from the start (its owner builds the termination).
-    FutureCore(Callsite callsite, FinishedAtConstruction) noexcept;
+    FutureCore(Callsite callsite, FinishedAtConstruction /*unused*/) noexcept
+        : initializationCallsite_(callsite),
+          initializationTime_(futureClockNow()),
+          finishTime_(initializationTime_),
+          state_(finishedState) {}
     /// Releases, without a call, the observers of a future that never finished.
-    ~FutureCore();
+    ~FutureCore() {
+        const std::uintptr_t state = state_.load(std::memory_order_acquire);
+        if (state != finishedState) releaseUnfinished(state);
+    }
 
     // The three steps below are on every round trip: defined here, so that they inline.
 
@@ -128,12 +150,29 @@ class MIRELS_EXPORT FutureCore {
 
     /// Records the finish time, marks the future finished and runs its observers in
     /// registration order with `termination`, then releases them.
-    void publishFinish(const void* termination) noexcept;
+    void publishFinish(const void* termination) noexcept {
+        finishTime_ = futureClockNow();
+        const std::uintptr_t state = state_.exchange(finishedState, std::memory_order_acq_rel);
+        FutureObserverNode* node = nodeOf(state);
+        if (node == nullptr) return;
+        if (node->next_ != nullptr) {
+            runObservers(node, termination);
+            return;
+        }
+        // One observer, the common case.
+        node->finished(termination);
+        node->release();
+    }
 
     /// Waits for a finish that another thread has claimed to be published.
     void awaitFinished() const noexcept;
 
   private:
+    /// Calls and then releases the observers of `newest`, a list pushed newest first.
+    static void runObservers(FutureObserverNode* newest, const void* termination) noexcept;
+    /// Releases the observers of a future that goes away running.
+    static void releaseUnfinished(std::uintptr_t state) noexcept;
+
     // A node address (aligned, so its low bits are free) with two flags, or the finished value,
     // which no running state can equal (both flag bits set, and no node below the address 8).
     static constexpr std::uintptr_t inlineNodeTaken = 1;
