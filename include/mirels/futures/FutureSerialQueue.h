@@ -112,13 +112,13 @@ class FutureSerialQueue final : public std::enable_shared_from_this<FutureSerial
             slots_[(head_ + count_) % slots_.size()].emplace(std::move(operation));
             ++count_;
         }
-        Operation pop_front() {
+        /// Moves the oldest operation into `out` (one move, straight from its slot).
+        void popFrontInto(std::optional<Operation>& out) {
             std::optional<Operation>& slot = slots_[head_];
-            Operation operation = std::move(*slot);
+            out.emplace(std::move(*slot));
             slot.reset();
             head_ = (head_ + 1) % slots_.size();
             --count_;
-            return operation;
         }
         /// Moves out every operation with `identifier`, keeping the others in order.
         void removeInto(std::int64_t identifier, std::vector<Operation>& removed) {
@@ -202,7 +202,7 @@ class FutureSerialQueue final : public std::enable_shared_from_this<FutureSerial
     /// runs. Called under the state lock.
     static bool takeNext(State& state, std::optional<Operation>& next) {
         if (state.running || state.queue.empty()) return false;
-        next.emplace(state.queue.pop_front());
+        state.queue.popFrontInto(next);
         // `running` is set here, inside the lock, before the caller's work starts outside it.
         state.running.emplace(Running{next->identifier, std::nullopt, std::nullopt});
         return true;
@@ -210,7 +210,7 @@ class FutureSerialQueue final : public std::enable_shared_from_this<FutureSerial
 
     /// The start step, on the queue's lane: starts the work, lets the caller's future follow
     /// it, and moves on when it has finished.
-    void start(Operation operation) {
+    void start(Operation&& operation) {
         Future<T> work = [&] {
             try {
                 return operation.makeFuture();
