@@ -13,10 +13,24 @@
 
 namespace mirels {
 
+namespace {
+/// Gives a block back to the heap, with its size where the compiler has sized deallocation.
+void freeToHeap(void* block, std::size_t size) noexcept {
+#if defined(__cpp_sized_deallocation)
+    ::operator delete(block, size);
+#else
+    static_cast<void>(size);
+    ::operator delete(block);
+#endif
+}
+}  // namespace
+
 #if !defined(MIRELS_RECYCLING_BYPASSED)
 namespace {
 
 constexpr std::size_t recycledGranule = 64;
+/// The bytes of free blocks a thread keeps per class.
+constexpr std::size_t recycledBytesPerClass = 8192;
 constexpr std::size_t recycledClassCount = largestRecycledBlock / recycledGranule;
 static_assert(largestRecycledBlock % recycledGranule == 0);
 
@@ -27,7 +41,7 @@ constexpr std::size_t recycledClassSize(std::size_t sizeClass) noexcept {
 
 /// How many free blocks of a class a thread keeps: 8 KiB worth, and at least four.
 constexpr std::uint32_t recycledClassLimit(std::size_t sizeClass) noexcept {
-    const std::size_t blocks = 8 * 1024 / recycledClassSize(sizeClass);
+    const std::size_t blocks = recycledBytesPerClass / recycledClassSize(sizeClass);
     return static_cast<std::uint32_t>(blocks < 4 ? 4 : blocks);
 }
 
@@ -62,7 +76,7 @@ struct RecycledCacheReaper {
             FreeBlock* block = cache.heads[sizeClass];
             while (block != nullptr) {
                 FreeBlock* next = block->next;
-                ::operator delete(static_cast<void*>(block), recycledClassSize(sizeClass));
+                freeToHeap(block, recycledClassSize(sizeClass));
                 block = next;
             }
             cache.heads[sizeClass] = nullptr;
@@ -86,7 +100,7 @@ struct RecycledCacheReaper {
         --cache.room[sizeClass];
         return;
     }
-    ::operator delete(block, recycledClassSize(sizeClass));
+    freeToHeap(block, recycledClassSize(sizeClass));
 }
 
 }  // namespace
@@ -122,7 +136,7 @@ void deallocateRecycled(void* block, std::size_t size) noexcept {
         return;
     }
 #endif
-    ::operator delete(block, size);
+    freeToHeap(block, size);
 }
 
 }  // namespace mirels
