@@ -11,6 +11,7 @@
 //
 // Every benchmark reports allocs/op: the allocations its thread made, per iteration.
 
+#include "core/Utf8Encoding.h"
 #include "mirels/text/IdentifierWords.h"
 #include "mirels/text/LineDiff.h"
 #include "mirels/text/Punycode.h"
@@ -242,24 +243,6 @@ BENCHMARK_CAPTURE(Diff_GnuDiffProcess, large, largeTexts(), "large")
 
 // --- punycode -----------------------------------------------------------------------------------
 
-void appendUtf8(std::string& out, char32_t c) {
-    if (c < 0x80) {
-        out.push_back(static_cast<char>(c));
-    } else if (c < 0x800) {
-        out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else if (c < 0x10000) {
-        out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-        out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else {
-        out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-        out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    }
-}
-
 // Lower-case labels of one script each (so that every one is a valid host-name label): Latin
 // with a few accented letters, Greek, Cyrillic, Hiragana and CJK ideographs.
 std::vector<std::string> internationalLabels() {
@@ -273,21 +256,21 @@ std::vector<std::string> internationalLabels() {
         for (std::size_t k = 0; k < length; ++k) {
             switch (i % 5) {
                 case 0:
-                    appendUtf8(label, random() % 4 == 0
-                                          ? accents[random() % 10]
-                                          : U'a' + static_cast<char32_t>(random() % 26));
+                    detail::appendUtf8(label, random() % 4 == 0
+                                                  ? accents[random() % 10]
+                                                  : U'a' + static_cast<char32_t>(random() % 26));
                     break;
                 case 1:
-                    appendUtf8(label, U'\u03B1' + static_cast<char32_t>(random() % 25));
+                    detail::appendUtf8(label, U'\u03B1' + static_cast<char32_t>(random() % 25));
                     break;
                 case 2:
-                    appendUtf8(label, U'\u0430' + static_cast<char32_t>(random() % 32));
+                    detail::appendUtf8(label, U'\u0430' + static_cast<char32_t>(random() % 32));
                     break;
                 case 3:
-                    appendUtf8(label, U'\u3041' + static_cast<char32_t>(random() % 80));
+                    detail::appendUtf8(label, U'\u3041' + static_cast<char32_t>(random() % 80));
                     break;
                 default:
-                    appendUtf8(label, U'\u4E00' + static_cast<char32_t>(random() % 2000));
+                    detail::appendUtf8(label, U'\u4E00' + static_cast<char32_t>(random() % 2000));
                     break;
             }
         }

@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "../core/SystemErrorText.h"
+#include "../platform/ProcessDescriptor.h"
 #include "ProcessIOLoop.h"
 #include "mirels/core/FatalError.h"
 
@@ -31,14 +32,6 @@ extern char** environ;
 namespace mirels {
 
 namespace {
-
-int openProcessDescriptor(pid_t pid) noexcept {
-    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-}
-
-int sendThroughDescriptor(int pidfd, int signal) noexcept {
-    return static_cast<int>(::syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0));
-}
 
 std::string errorTitle(ProcessError::Step step, const std::string& path, int number,
                        const std::string& directory) {
@@ -916,7 +909,7 @@ bool ChildProcess::launchAndReturnError(std::optional<Error>* error) {
     posix_spawnattr_destroy(&attributes);
     if (result != 0) return abandon(ProcessError(ProcessError::Step::launch, plan.path, result));
 
-    const int pidfd = openProcessDescriptor(pid);
+    const int pidfd = detail::openProcessDescriptor(pid);
     if (pidfd < 0) {
         // Without a process descriptor the child cannot be watched: end it and reap it here.
         const int number = errno;
@@ -983,7 +976,7 @@ bool ChildProcess::sendSignal(int signal) {
     // Under the lock, so that the descriptor cannot be closed (and reused) meanwhile.
     return state_.syncWrite([&](State& s) {
         if (s.phase != Phase::running || s.pidfd < 0) return false;
-        return sendThroughDescriptor(s.pidfd, signal) == 0;
+        return detail::sendSignalThroughDescriptor(s.pidfd, signal) == 0;
     });
 }
 
@@ -1007,7 +1000,8 @@ void ChildProcess::terminate(TimePeriod gracePeriod) {
 bool ChildProcess::suspend() {
     return state_.syncWrite([&](State& s) {
         if (s.phase != Phase::running || s.pidfd < 0) return false;
-        if (s.suspendCount == 0 && sendThroughDescriptor(s.pidfd, SIGSTOP) != 0) return false;
+        if (s.suspendCount == 0 && detail::sendSignalThroughDescriptor(s.pidfd, SIGSTOP) != 0)
+            return false;
         ++s.suspendCount;
         return true;
     });
@@ -1016,7 +1010,8 @@ bool ChildProcess::suspend() {
 bool ChildProcess::resume() {
     return state_.syncWrite([&](State& s) {
         if (s.phase != Phase::running || s.pidfd < 0 || s.suspendCount == 0) return false;
-        if (s.suspendCount == 1 && sendThroughDescriptor(s.pidfd, SIGCONT) != 0) return false;
+        if (s.suspendCount == 1 && detail::sendSignalThroughDescriptor(s.pidfd, SIGCONT) != 0)
+            return false;
         --s.suspendCount;
         return true;
     });

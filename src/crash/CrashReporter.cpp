@@ -5,7 +5,6 @@
 #include <pthread.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +19,7 @@
 #include <thread>
 
 #include "../core/SystemErrorText.h"
+#include "../platform/ProcessDescriptor.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/crash/CrashReportListener.h"
 
@@ -515,7 +515,7 @@ std::optional<std::pair<pid_t, int>> seizeAtGate(LaunchGate& gate) {
     const pid_t pid = gate.waitForChild();
     if (pid == 0) return std::nullopt;
     std::optional<std::pair<pid_t, int>> seized;
-    const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+    const int pidfd = detail::openProcessDescriptor(pid);
     if (pidfd >= 0) {
         // No stop for the exec: the child runs the program as soon as the gate opens.
         const auto options = PTRACE_O_EXITKILL | PTRACE_O_TRACECLONE;

@@ -9,6 +9,7 @@
 #include <optional>
 #include <type_traits>
 
+#include "../core/Utf8Encoding.h"
 #include "mirels/plist/PlistSerialization.h"
 
 namespace mirels::detail {
@@ -19,25 +20,6 @@ using SerializationError = PropertyListSerializationError;
 
 [[noreturn]] void throwTooDeep(std::size_t maximumDepth) {
     throw SerializationError("nesting deeper than " + std::to_string(maximumDepth) + " levels");
-}
-
-// Appends the UTF-8 form of `codePoint`.
-void appendUTF8(std::string& out, char32_t codePoint) {
-    if (codePoint < 0x80) {
-        out += static_cast<char>(codePoint);
-    } else if (codePoint < 0x800) {
-        out += static_cast<char>(0xC0 | (codePoint >> 6));
-        out += static_cast<char>(0x80 | (codePoint & 0x3F));
-    } else if (codePoint < 0x10000) {
-        out += static_cast<char>(0xE0 | (codePoint >> 12));
-        out += static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (codePoint & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (codePoint >> 18));
-        out += static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (codePoint & 0x3F));
-    }
 }
 
 // Decodes one code point of well-formed UTF-8 at `i`, advancing it.
@@ -597,14 +579,14 @@ class BinaryReader {
             if (unit >= 0xD800 && unit <= 0xDBFF && i + 1 < length) {
                 const auto low = static_cast<char32_t>(readBigEndian(cursor + 2 * (i + 1), 2));
                 if (low >= 0xDC00 && low <= 0xDFFF) {
-                    appendUTF8(result, 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00));
+                    appendUtf8(result, 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00));
                     ++i;
                     continue;
                 }
             }
             if (unit >= 0xD800 && unit <= 0xDFFF)
                 throw SerializationError("a string is not valid UTF-16");
-            appendUTF8(result, unit);
+            appendUtf8(result, unit);
         }
         return result;
     }

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <utility>
 
+#include "../core/Utf8Encoding.h"
+
 namespace mirels {
 
 namespace {
@@ -69,25 +71,6 @@ std::uint32_t adapt(std::uint32_t delta, std::uint32_t points, bool first) noexc
         k += base;
     }
     return k + (base - tmin + 1) * delta / (delta + skew);
-}
-
-void appendUtf8(std::string& out, char32_t c) {
-    const auto v = static_cast<std::uint32_t>(c);
-    if (v < 0x80) {
-        out.push_back(static_cast<char>(v));
-    } else if (v < 0x800) {
-        out.push_back(static_cast<char>(0xC0 | (v >> 6)));
-        out.push_back(static_cast<char>(0x80 | (v & 0x3F)));
-    } else if (v < 0x10000) {
-        out.push_back(static_cast<char>(0xE0 | (v >> 12)));
-        out.push_back(static_cast<char>(0x80 | ((v >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (v & 0x3F)));
-    } else {
-        out.push_back(static_cast<char>(0xF0 | (v >> 18)));
-        out.push_back(static_cast<char>(0x80 | ((v >> 12) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | ((v >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (v & 0x3F)));
-    }
 }
 
 /// Decodes one UTF-8 sequence at `text[i]`, advancing `i`; malformed input throws.
@@ -371,7 +354,7 @@ std::string Punycode::decode(std::string_view encoded) {
     decodeInto(points, encoded);
     std::string out;
     out.reserve(points.size() * 3);
-    for (const char32_t c : points) appendUtf8(out, c);
+    for (const char32_t c : points) detail::appendUtf8(out, c);
     return out;
 }
 
@@ -417,7 +400,7 @@ std::string Punycode::toUnicodeHostName(std::string_view hostName) {
             } catch (const PunycodeError& error) {
                 fail(error.kind(), error.message(), offset + acePrefix.size() + error.offset());
             }
-            for (const char32_t c : points) appendUtf8(out, c);
+            for (const char32_t c : points) detail::appendUtf8(out, c);
         });
 }
 

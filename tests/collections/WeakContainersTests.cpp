@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "mirels/collections/AssociatedObjectCache.h"
@@ -118,6 +121,30 @@ TEST(CaptureWeak, RunsOnlyWhileTheObjectLivesAndReportsWhetherItRan) {
     item.reset();
     EXPECT_FALSE(bump(1));
     EXPECT_EQ(read(), std::nullopt);
+}
+
+TEST(CaptureWeak, ReferenceResultsReferToTheObjectAndRvaluesAreMovedOut) {
+    struct Named {
+        std::string name;
+    };
+    auto named = std::make_shared<Named>(Named{"first"});
+    auto name = captureWeak(named, [](Named& n) -> std::string& { return n.name; });
+    auto constName =
+        captureWeak(named, [](const Named& n) -> const std::string& { return n.name; });
+    auto take = captureWeak(named, [](Named& n) -> std::string&& { return std::move(n.name); });
+    static_assert(
+        std::is_same_v<decltype(name()), std::optional<std::reference_wrapper<std::string>>>);
+    static_assert(std::is_same_v<decltype(constName()),
+                                 std::optional<std::reference_wrapper<const std::string>>>);
+    static_assert(std::is_same_v<decltype(take()), std::optional<std::string>>);
+
+    name()->get() = "second";  // writes through to the object, no copy in between
+    EXPECT_EQ(&constName()->get(), &named->name);
+    EXPECT_EQ(take(), std::optional<std::string>("second"));
+    EXPECT_TRUE(named->name.empty());  // moved out, not copied
+    named.reset();
+    EXPECT_EQ(name(), std::nullopt);
+    EXPECT_EQ(take(), std::nullopt);
 }
 
 struct Session {

@@ -7,12 +7,8 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <fstream>
-#include <mutex>
 #include <optional>
-#include <sstream>
 
 #include "Tool.h"
 #include "mirels/crash/CrashReportListener.h"
@@ -88,9 +84,8 @@ struct CrashRun : CommandLineCommand<CrashRun> {
             std::fflush(stdout);
             supervised.emplace(reporter->launch(child));
         } catch (const ProcessError& error) {
-            printer.printError(*error.highValueTitle());
-            throw ExitRequest{error.systemErrorNumber() == ENOENT ? notFoundStatus
-                                                                  : cannotExecuteStatus};
+            fail(printer, *error.highValueTitle(),
+                 error.systemErrorNumber() == ENOENT ? notFoundStatus : cannotExecuteStatus);
         }
         const CrashOutcome& outcome = supervised->waitUntilDone();
         if (outcome.report) {
@@ -134,17 +129,12 @@ struct CrashExplain : CommandLineCommand<CrashExplain> {
                 if (i > 0) printer.print("");
                 printer.print("== " + file, CommandLinePrintingAttribute::bold);
             }
-            std::ifstream stream(file, std::ios::binary);
-            std::stringstream text;
-            if (stream) text << stream.rdbuf();
-            if (!stream || stream.bad() || std::filesystem::is_directory(file)) {
-                printer.printError("Could not read " + file + ": " +
-                                   (errno != 0 ? std::strerror(errno) : "unreadable"));
-                failed = true;
-                continue;
-            }
             try {
-                explainReport(CrashReport::decode(text.str()), settings.brief, printer);
+                explainReport(CrashReport::decode(readFile(file, std::strerror(EISDIR))),
+                              settings.brief, printer);
+            } catch (const FileReadError& error) {
+                printer.printError(error.what());
+                failed = true;
             } catch (const HumanReadableError& error) {
                 printer.printError(file + ": " + error.additionalInfo().value_or(error.what()));
                 failed = true;
@@ -194,11 +184,11 @@ std::optional<CrashReport> nextReportOfAnyProcess(const std::filesystem::path& f
             offset += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
             const std::string name = event->len > 0 ? event->name : "";
             if (name.empty() || name.front() == '.' || !name.ends_with(".json")) continue;
-            std::ifstream stream(folder / name, std::ios::binary);
-            std::stringstream text;
-            text << stream.rdbuf();
             try {
-                found = CrashReport::decode(text.str());
+                found =
+                    CrashReport::decode(readFile((folder / name).string(), std::strerror(EISDIR)));
+            } catch (const FileReadError&) {
+                // Gone or unreadable: wait for the next one, as the listener does.
             } catch (const HumanReadableError&) {
                 // Not a report: wait for the next one, as the listener does.
             }
@@ -230,16 +220,7 @@ struct CrashWatch : CommandLineCommand<CrashWatch> {
     }
 
     static void execute(const Options& settings, AnyCommandLinePrinter& printer) {
-        std::optional<double> seconds;
-        if (settings.timeout) {
-            char* end = nullptr;
-            const double value = std::strtod(settings.timeout->c_str(), &end);
-            if (settings.timeout->empty() || *end != '\0' || !(value >= 0)) {
-                throw std::invalid_argument("Invalid value passed for \"timeout\": \"" +
-                                            *settings.timeout + "\" is not a number of seconds");
-            }
-            seconds = value;
-        }
+        const auto seconds = parseSeconds(settings.timeout, true);
         const auto folder =
             folderOption(settings.folder).value_or(CrashReportListener::defaultFolder());
         std::error_code ignored;
@@ -250,26 +231,7 @@ struct CrashWatch : CommandLineCommand<CrashWatch> {
         if (settings.process) {
             auto listener = CrashReportListener::create(folder);
             auto next = listener->nextReport(*settings.process);
-            struct Waiter {
-                std::mutex mutex;
-                std::condition_variable finished;
-                bool done = false;
-            };
-            auto waiter = std::make_shared<Waiter>();
-            next.observeFinish([waiter](const auto&) {
-                std::lock_guard lock(waiter->mutex);
-                waiter->done = true;
-                waiter->finished.notify_all();
-            });
-            {
-                std::unique_lock lock(waiter->mutex);
-                if (seconds) {
-                    waiter->finished.wait_for(lock, std::chrono::duration<double>(*seconds),
-                                              [&] { return waiter->done; });
-                } else {
-                    waiter->finished.wait(lock, [&] { return waiter->done; });
-                }
-            }
+            waitUntilFinished(next, seconds);
             if (const auto* termination = next.terminationIfFinished()) {
                 if (termination->isSucceeded()) {
                     report = termination->resultIfCompleted()->get();
@@ -282,10 +244,9 @@ struct CrashWatch : CommandLineCommand<CrashWatch> {
         } else {
             report = nextReportOfAnyProcess(folder, seconds);
         }
-        if (!report) {
-            printer.printError("No crash report within " + *settings.timeout + " seconds");
-            throw ExitRequest{timedOutStatus};
-        }
+        if (!report)
+            fail(printer, "No crash report within " + *settings.timeout + " seconds",
+                 timedOutStatus);
         explainReport(*report, settings.brief, printer);
     }
 };

@@ -5,14 +5,10 @@
 
 #include <array>
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fstream>
-#include <iterator>
-#include <mutex>
 #include <sstream>
 
 #include "Tool.h"
@@ -31,24 +27,9 @@ namespace {
 
 using Attribute = CommandLinePrintingAttribute;
 
-std::optional<double> parseSeconds(const std::optional<std::string>& text) {
-    if (!text) return std::nullopt;
-    char* end = nullptr;
-    const double value = std::strtod(text->c_str(), &end);
-    if (text->empty() || *end != '\0' || !(value > 0)) {
-        throw std::invalid_argument("Invalid value passed for \"timeout\": \"" + *text +
-                                    "\" is not a positive number of seconds");
-    }
-    return value;
-}
-
-std::vector<std::uint8_t> readBytes(const std::string& path) {
-    std::ifstream stream(path, std::ios::binary);
-    if (!stream || std::filesystem::is_directory(path)) {
-        throw std::runtime_error("Could not read " + path + ": " +
-                                 (errno != 0 ? std::strerror(errno) : "not a file"));
-    }
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+/// A property list file's bytes; a directory is "not a file".
+std::string readPropertyListFile(const std::string& path) {
+    return readFile(path, "not a file");
 }
 
 // --- run ---
@@ -81,7 +62,7 @@ struct RunTool : CommandLineCommand<RunTool> {
         const auto split = splitAtProgram(arguments, runToolValueOptions);
         const Options settings = commandLineOptions().parse(split.own, Options());
         if (!settings.program) throw std::invalid_argument("Must pass a program to run");
-        const auto seconds = parseSeconds(settings.timeout);
+        const auto seconds = parseSeconds(settings.timeout, false);
 
         CommandLineToolInvocation::Environment environment;
         for (char** entry = environ; *entry != nullptr; ++entry) {
@@ -106,46 +87,24 @@ struct RunTool : CommandLineCommand<RunTool> {
         try {
             future.emplace(invocation.run());
         } catch (const CommandLineToolInvocationError& error) {
-            printer.printError(error.highValueTitle().value_or("") + " " +
-                               error.additionalInfo().value_or(""));
-            throw ExitRequest{notFoundStatus};
+            fail(printer,
+                 error.highValueTitle().value_or("") + " " + error.additionalInfo().value_or(""),
+                 notFoundStatus);
         }
-        struct Waiter {
-            std::mutex mutex;
-            std::condition_variable finished;
-            bool done = false;
-        };
-        auto waiter = std::make_shared<Waiter>();
-        future->observeFinish([waiter](const auto&) {
-            std::lock_guard lock(waiter->mutex);
-            waiter->done = true;
-            waiter->finished.notify_all();
-        });
-        bool timedOut = false;
-        {
-            std::unique_lock lock(waiter->mutex);
-            if (seconds) {
-                timedOut = !waiter->finished.wait_for(lock, std::chrono::duration<double>(*seconds),
-                                                      [&] { return waiter->done; });
-            } else {
-                waiter->finished.wait(lock, [&] { return waiter->done; });
-            }
-        }
-        if (timedOut) {
+        if (!waitUntilFinished(*future, seconds)) {
             future->cancel();  // SIGTERM now, SIGKILL after the grace period
             future->unpleasantWait();
-            std::fflush(stdout);
-            printer.printError(invocation.toolName() + " did not finish within " +
-                               *settings.timeout + " seconds");
-            throw ExitRequest{timedOutStatus};
+            fail(printer,
+                 invocation.toolName() + " did not finish within " + *settings.timeout + " seconds",
+                 timedOutStatus);
         }
         const auto* termination = future->terminationIfFinished();
         if (termination != nullptr && termination->isFailed()) {
-            std::fflush(stdout);
-            printer.printError(humanReadable(*termination->failedError())
-                                   ->highValueTitle()
-                                   .value_or(invocation.toolName() + " failed."));
-            throw ExitRequest{1};
+            fail(printer,
+                 humanReadable(*termination->failedError())
+                     ->highValueTitle()
+                     .value_or(invocation.toolName() + " failed."),
+                 1);
         }
     }
 
@@ -192,9 +151,10 @@ struct BuildCompare : CommandLineCommand<BuildCompare> {
             try {
                 parsed[i].emplace(settings.builds[i]);
             } catch (const HumanReadableError& error) {
-                printer.printError("\"" + settings.builds[i] + "\" is no build number: " +
-                                   error.additionalInfo().value_or(error.what()));
-                throw ExitRequest{3};
+                fail(printer,
+                     "\"" + settings.builds[i] +
+                         "\" is no build number: " + error.additionalInfo().value_or(error.what()),
+                     3);
             }
         }
         const auto order = *parsed[0] <=> *parsed[1];
@@ -255,7 +215,7 @@ struct PlistConvert : CommandLineCommand<PlistConvert> {
     static void execute(const Options& settings, AnyCommandLinePrinter& printer) {
         if (!settings.input) throw std::invalid_argument("Must pass a property list file");
         if (!settings.format) throw std::invalid_argument("Must pass --to xml or --to binary");
-        const PlistValue value = parsePropertyList(readBytes(*settings.input));
+        const PlistValue value = parsePropertyList(readPropertyListFile(*settings.input));
         std::string bytes;
         if (*settings.format == PlistFormat::xml) {
             bytes = toXML(value);
@@ -347,7 +307,7 @@ struct PlistShow : CommandLineCommand<PlistShow> {
     }
     static void execute(const Options& settings, AnyCommandLinePrinter& printer) {
         if (!settings.file) throw std::invalid_argument("Must pass a property list file");
-        printTree("", parsePropertyList(readBytes(*settings.file)), 0, printer);
+        printTree("", parsePropertyList(readPropertyListFile(*settings.file)), 0, printer);
     }
 };
 
@@ -379,7 +339,7 @@ struct ErrorShow : CommandLineCommand<ErrorShow> {
     }
     static void execute(const Options& settings, AnyCommandLinePrinter& printer) {
         if (!settings.file) throw std::invalid_argument("Must pass a serialised error file");
-        const PropertyList list = parsePropertyListDictionary(readBytes(*settings.file));
+        const PropertyList list = parsePropertyListDictionary(readPropertyListFile(*settings.file));
         PlatformError::UserInfo userInfo;
         userInfo.emplace(std::string(PlatformError::humanReadableErrorKey),
                          PlistValue(list.serializableDictionary()));

@@ -3,7 +3,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 
 #include "mirels/crash/CrashError.h"
 #include "mirels/crash/CrashReportError.h"
@@ -11,6 +17,41 @@
 #include "mirels/crash/LinuxCrashTextErrors.h"
 
 namespace mirels::tool {
+
+void fail(AnyCommandLinePrinter& printer, const std::string& message, int status) {
+    std::fflush(stdout);
+    printer.printError(message);
+    throw ExitRequest{status};
+}
+
+std::string readFile(const std::string& path, std::string_view directoryReason) {
+    const auto failure = [&](std::string_view reason) {
+        return FileReadError("Could not read " + path + ": " + std::string(reason));
+    };
+    const auto systemReason = [] { return errno != 0 ? std::strerror(errno) : "unreadable"; };
+    errno = 0;
+    std::ifstream stream(path, std::ios::binary);
+    if (!stream) throw failure(systemReason());
+    // A directory opens like a file and reads as an error: name it for what it is.
+    if (std::filesystem::is_directory(path)) throw failure(directoryReason);
+    try {
+        return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    } catch (const std::ios_base::failure&) {  // the file buffer's way to report a read error
+        throw failure(systemReason());
+    }
+}
+
+std::optional<double> parseSeconds(const std::optional<std::string>& text, bool zeroAllowed) {
+    if (!text) return std::nullopt;
+    char* end = nullptr;
+    const double value = std::strtod(text->c_str(), &end);
+    if (text->empty() || *end != '\0' || !(zeroAllowed ? value >= 0 : value > 0)) {
+        throw std::invalid_argument("Invalid value passed for \"timeout\": \"" + *text +
+                                    "\" is not a " + (zeroAllowed ? "" : "positive ") +
+                                    "number of seconds");
+    }
+    return value;
+}
 
 ProgramArguments splitAtProgram(std::span<const std::string> arguments,
                                 std::span<const std::string_view> valueOptions) {

@@ -15,7 +15,8 @@ class WeakCapture {
     WeakCapture(std::weak_ptr<T> object, F f) : object_(std::move(object)), f_(std::move(f)) {}
 
     /// Runs `f(object, args...)` if the object lives, keeping it alive for the call. Returns
-    /// whether it ran (`bool`) when `f` returns nothing, else an `std::optional` of the result.
+    /// whether it ran (`bool`) when `f` returns nothing, else an `std::optional` of the result
+    /// (see `captureWeak` for what a reference result becomes).
     template <class... Args>
         requires std::is_invocable_v<F&, T&, Args&&...>
     auto operator()(Args&&... args) {
@@ -26,8 +27,9 @@ class WeakCapture {
             std::invoke(f_, *strong, std::forward<Args>(args)...);
             return true;
         } else {
-            if (!strong) return std::optional<R>();
-            return std::optional<R>(std::invoke(f_, *strong, std::forward<Args>(args)...));
+            using Result = std::optional<Stored<R>>;
+            if (!strong) return Result();
+            return Result(std::invoke(f_, *strong, std::forward<Args>(args)...));
         }
     }
 
@@ -35,6 +37,15 @@ class WeakCapture {
     bool expired() const noexcept { return object_.expired(); }
 
   private:
+    // What the optional holds for a result of type `R`: values as they are, an lvalue reference
+    // as a `std::reference_wrapper` (an optional cannot hold a reference), and an rvalue
+    // reference as the value moved out of it, since the object it points into may be gone as
+    // soon as the call returns.
+    template <class R>
+    using Stored = std::conditional_t<
+        std::is_lvalue_reference_v<R>, std::reference_wrapper<std::remove_reference_t<R>>,
+        std::conditional_t<std::is_rvalue_reference_v<R>, std::remove_cvref_t<R>, R>>;
+
     std::weak_ptr<T> object_;
     F f_;
 };
@@ -43,6 +54,12 @@ class WeakCapture {
 /// the object is alive, keeping it alive for the call. It reports whether `f` ran: `true` or
 /// `false` when `f` returns nothing, else an `std::optional` of what `f` returned (empty when
 /// the object had gone).
+///
+/// A result that is an lvalue reference comes back as
+/// `std::optional<std::reference_wrapper<U>>` (constness kept), so `f` can hand out a member
+/// without copying it; the reference is only good while the object lives, and the callable
+/// keeps the object alive for the call alone, so hold a strong reference of your own for
+/// longer use. A result that is an rvalue reference is moved into the optional as a value.
 ///
 /// Use it for callbacks registered with something the object itself owns, where a strong
 /// capture would make a cycle that keeps both alive. Copyable when `f` is; fits a
