@@ -44,9 +44,10 @@ class RecyclingAllocator {
     using value_type = T;
 
     RecyclingAllocator() noexcept = default;
+    /// Rebinding, as the standard allocator model requires (implicit, like `std::allocator`'s).
     template <class U>
-    RecyclingAllocator(const RecyclingAllocator<U>& /*other*/) noexcept {
-    }  // NOLINT(google-explicit-constructor)
+    // NOLINTNEXTLINE(google-explicit-constructor)
+    RecyclingAllocator(const RecyclingAllocator<U>& /*other*/) noexcept {}
 
     [[nodiscard]] T* allocate(std::size_t count) {
         if (count > static_cast<std::size_t>(-1) / sizeof(T)) throw std::bad_array_new_length();
