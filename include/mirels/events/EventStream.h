@@ -27,6 +27,7 @@
 #include "mirels/collections/detail/CopyOnWrite.h"
 #include "mirels/core/Callsite.h"
 #include "mirels/core/CancellationToken.h"
+#include "mirels/core/RecycledMemory.h"
 #include "mirels/core/ThreadSafe.h"
 #include "mirels/core/UniqueFunction.h"
 #include "mirels/events/EventStreamOperators.h"
@@ -171,13 +172,14 @@ class EventStream<E>::Sink final : public std::enable_shared_from_this<Sink>,
 
     /// Subscribes `handler` to this sink directly (what observing its stream does).
     ///
-    /// One allocation holds the token and the handler together; the subscriber table lists the
-    /// subscription by a counted pointer, so a snapshot taken by a send keeps the handler for
-    /// as long as it needs it, and the handler is released as soon as no table lists it.
+    /// One allocation (a recycled block) holds the token and the handler together; the subscriber
+    /// table lists the subscription by a counted pointer, so a snapshot taken by a send keeps the
+    /// handler for as long as it needs it, and the handler is released as soon as no table lists
+    /// it.
     [[nodiscard]] std::shared_ptr<CancellationToken> observe(
         Handler handler, Callsite callsite = Callsite::current()) {
-        auto box = std::make_shared<CancellationTokenWithPayload<Subscription>>(callsite, &storage_,
-                                                                                std::move(handler));
+        auto box = makeSharedRecycled<CancellationTokenWithPayload<Subscription>>(
+            callsite, &storage_, std::move(handler));
         Subscription& subscription = box->payload;
         subscription.keepWhileListed = box;
         storage_.syncWrite(
