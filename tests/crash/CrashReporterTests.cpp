@@ -7,6 +7,7 @@
 #include <csignal>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <sstream>
 #include <thread>
 
@@ -181,9 +182,19 @@ TEST(CrashReporterTest, ProgramsThatDoNotCrashPassThroughWithoutAReport) {
     // A stopped child stays stopped until continued, as without tracing.
     auto stopping = child({"stop"});
     auto supervised = reporter->launch(stopping);
+    // On its way to the stop that lasts, the child passes through a short traced stop where the
+    // signal is delivered, and runs for a moment between the two: wait for 't' to hold 100 ms.
     const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (processState(stopping->processIdentifier()) != 't' &&
-           std::chrono::steady_clock::now() < deadline) {
+    std::optional<std::chrono::steady_clock::time_point> stoppedSince;
+    while (std::chrono::steady_clock::now() < deadline) {
+        const auto now = std::chrono::steady_clock::now();
+        if (processState(stopping->processIdentifier()) != 't') {
+            stoppedSince.reset();
+        } else if (!stoppedSince) {
+            stoppedSince = now;
+        } else if (now - *stoppedSince >= 100ms) {
+            break;
+        }
         std::this_thread::sleep_for(5ms);
     }
     ASSERT_EQ(processState(stopping->processIdentifier()), 't') << "stopped, and traced";
